@@ -1,0 +1,43 @@
+// Message header.
+//
+//    0       2          4       6        7        8
+//   +-------+----------+-------+--------+--------+-------------------+
+//   |objType|payloadLen|  tag  | opcode | byte7  | TLV items ...     |
+//   | be16  |  be16    | be16  |   u8   |   u8   | payloadLen bytes  |
+//   +-------+----------+-------+--------+--------+-------------------+
+//
+// payloadLen counts the bytes after the header. tag is 0 in every message
+// with this header that the library sends.
+#include "msg/head.h"
+
+#include "msg/wire.h"
+
+extern "C" void l2vfib_FillMsgHead(uint32_t objType, uint32_t payloadLen, uint32_t opcode,
+                                   uint32_t byte7, L2VFIB_MsgHead *head) {
+    head->objType = static_cast<uint16_t>(objType);
+    head->payloadLen = static_cast<uint16_t>(payloadLen);
+    head->opcode = static_cast<uint8_t>(opcode);
+    head->byte7 = static_cast<uint8_t>(byte7);
+}
+
+namespace l2vfib {
+
+void WriteMsgHead(const L2VFIB_MsgHead &head, uint8_t *out) {
+    PutBe16(out, head.objType);
+    PutBe16(out + 2, head.payloadLen);
+    PutBe16(out + 4, head.tag);
+    out[6] = head.opcode;
+    out[7] = head.byte7;
+}
+
+L2VFIB_MsgHead ReadMsgHead(const uint8_t *in) {
+    L2VFIB_MsgHead head{};
+    head.objType = GetBe16(in);
+    head.payloadLen = GetBe16(in + 2);
+    head.tag = GetBe16(in + 4);
+    head.opcode = in[6];
+    head.byte7 = in[7];
+    return head;
+}
+
+}  // namespace l2vfib

@@ -39,20 +39,37 @@ uint16_t Item(uint8_t *out, uint16_t room, uint32_t type, const uint8_t *value, 
     return static_cast<uint16_t>(STLV_Set(out, room, type, length, value));
 }
 
+// Stages an N-byte value from the record in a zeroed local with fill, then
+// writes it as one item; refuses below minRoom or without a record.
+template <uint32_t N, typename Fill>
+uint16_t StagedItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
+                    uint8_t *out, Fill fill) {
+    if (room < minRoom || record == nullptr) return 0;
+    uint8_t value[N] = {};
+    fill(value, record);
+    return Item(out, room, type, value, N);
+}
+
 uint16_t U32Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    if (room < minRoom || record == nullptr) return 0;
-    uint8_t value[4] = {};
-    PutBe32(value, Load<uint32_t>(record));
-    return Item(out, room, type, value, sizeof value);
+    return StagedItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+        PutBe32(v, Load<uint32_t>(r));
+    });
 }
 
 uint16_t U16Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    if (room < minRoom || record == nullptr) return 0;
-    uint8_t value[2] = {};
-    PutBe16(value, Load<uint16_t>(record));
-    return Item(out, room, type, value, sizeof value);
+    return StagedItem<2>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+        PutBe16(v, Load<uint16_t>(r));
+    });
+}
+
+// A 16-bit number widened to 32 bits: value bytes 0-1 are 0.
+uint16_t U16WideItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
+                     uint8_t *out) {
+    return StagedItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+        PutBe32(v, Load<uint16_t>(r));
+    });
 }
 
 uint16_t EmptyItem(uint16_t minRoom, uint32_t type, uint16_t room, uint8_t *out) {
@@ -62,22 +79,20 @@ uint16_t EmptyItem(uint16_t minRoom, uint32_t type, uint16_t room, uint8_t *out)
 
 uint16_t KeyItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    if (room < minRoom || record == nullptr) return 0;
-    const auto *key = static_cast<const L2VFIB_EntryKey *>(record);
-    uint8_t value[8] = {};
-    PutBe32(value, key->id);
-    PutBe16(value + 4, key->subId);
-    return Item(out, room, type, value, sizeof value);
+    return StagedItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+        const auto *key = static_cast<const L2VFIB_EntryKey *>(r);
+        PutBe32(v, key->id);
+        PutBe16(v + 4, key->subId);
+    });
 }
 
 uint16_t PairItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                   uint8_t *out) {
-    if (room < minRoom || record == nullptr) return 0;
-    const auto *pair = static_cast<const L2VFIB_WordPair *>(record);
-    uint8_t value[8] = {};
-    PutBe32(value, pair->word0);
-    PutBe32(value + 4, pair->word1);
-    return Item(out, room, type, value, sizeof value);
+    return StagedItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+        const auto *pair = static_cast<const L2VFIB_WordPair *>(r);
+        PutBe32(v, pair->word0);
+        PutBe32(v + 4, pair->word1);
+    });
 }
 
 // Two items: the first of a 32-bit number, the second either empty
@@ -141,11 +156,7 @@ uint16_t l2vfib_EncTlv237(const void *, const void *arg2, uint16_t room, uint8_t
 }
 
 uint16_t l2vfib_EncTlv83(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    if (room < 4 || arg2 == nullptr) return 0;
-    // The 16-bit number widened to 32 bits: bytes 0-1 are 0.
-    uint8_t value[4] = {};
-    PutBe32(value, Load<uint16_t>(arg2));
-    return Item(out, room, 83, value, sizeof value);
+    return U16WideItem(arg2, 4, 83, room, out);
 }
 uint16_t l2vfib_EncTlv218(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     return U16Item(arg2, 6, 218, room, out);

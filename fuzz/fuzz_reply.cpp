@@ -1,8 +1,5 @@
 // Raw bytes as a reply to an immediate request: l2vfib_ParseReply must
 // answer by the reply rules and read nothing past the bytes it is given.
-#include <cstddef>
-#include <cstdint>
-
 #include "checks.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

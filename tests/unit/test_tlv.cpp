@@ -8,42 +8,36 @@
 
 using namespace l2vt;
 
-TEST(TlvSet, WritesHeaderAndValueAndCountsBoth) {
-    Bytes buf = Canary(12);
+TEST(TlvSet, WritesWholeItemsOnlyAndNothingPastThem) {
     const uint8_t value[] = {0xAA, 0xBB, 0xCC, 0xDD};
-    EXPECT_EQ(STLV_Set(buf.data(), 8, 0x0102, 4, value), 8u);
-    EXPECT_EQ(ToHex(buf), ToHex(Hex("01 02 00 04 aa bb cc dd") + Canary(4)));
-}
-
-TEST(TlvSet, RefusesBeforeWritingWhenTheItemDoesNotFit) {
-    const uint8_t value[4] = {1, 2, 3, 4};
+    struct Case {
+        uint32_t room, type, length;
+        const uint8_t *value;
+        uint32_t result;
+        const char *written;  // the first four bytes, then the canary
+    };
+    const Case cases[] = {
+        {8, 0x0102, 4, value, 8, "01 02 00 04 aa bb cc dd"},
+        {8, 0x00b5, 4, nullptr, 8, "00 b5 00 04"},  // the value bytes are left, and counted
+        {7, 0x00b5, 4, nullptr, 0, ""},
+        {4, 7, 0, nullptr, 4, "00 07 00 00"},
+        {3, 7, 0, nullptr, 0, ""},
+        {8, 0xFFFF, 0, nullptr, 4, "ff ff 00 00"},
+        {8, 0x10000, 0, nullptr, 0, ""},  // type and length must fit 16 bits
+        {0x20000, 1, 0x10000, nullptr, 0, ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "room " << c.room << " type " << c.type);
+        Bytes buf = Canary(12);
+        EXPECT_EQ(STLV_Set(buf.data(), c.room, c.type, c.length, c.value), c.result);
+        const Bytes written = Hex(c.written);
+        EXPECT_EQ(ToHex(buf), ToHex(written + Canary(12 - written.size())));
+    }
     for (uint32_t room = 0; room < 8; ++room) {
         Bytes buf = Canary(8);
         EXPECT_EQ(STLV_Set(buf.data(), room, 7, 4, value), 0u) << "room " << room;
         EXPECT_EQ(buf, Canary(8)) << "room " << room;
     }
-    Bytes buf = Canary(4);
-    EXPECT_EQ(STLV_Set(buf.data(), 3, 7, 0, nullptr), 0u);
-    EXPECT_EQ(STLV_Set(buf.data(), 4, 7, 0, nullptr), 4u);
-    EXPECT_EQ(ToHex(buf), "00 07 00 00");
-}
-
-TEST(TlvSet, NullValueWritesTheHeaderOnlyAndStillCountsTheValue) {
-    Bytes buf = Canary(8);
-    EXPECT_EQ(STLV_Set(buf.data(), 8, 0x00b5, 4, nullptr), 8u);
-    EXPECT_EQ(ToHex(buf), ToHex(Hex("00 b5 00 04") + Canary(4)));
-    buf = Canary(8);
-    EXPECT_EQ(STLV_Set(buf.data(), 7, 0x00b5, 4, nullptr), 0u);
-    EXPECT_EQ(buf, Canary(8));
-}
-
-TEST(TlvSet, TypeAndLengthMustFitSixteenBits) {
-    Bytes buf = Canary(8);
-    EXPECT_EQ(STLV_Set(buf.data(), 8, 0x10000, 0, nullptr), 0u);
-    EXPECT_EQ(STLV_Set(buf.data(), 0x20000, 1, 0x10000, nullptr), 0u);
-    EXPECT_EQ(buf, Canary(8));
-    EXPECT_EQ(STLV_Set(buf.data(), 8, 0xFFFF, 0, nullptr), 4u);
-    EXPECT_EQ(ToHex(buf), ToHex(Hex("ff ff 00 00") + Canary(4)));
 }
 
 TEST(TlvGet, FindsOnlyAWholeItemAndNullsTheValueOtherwise) {
@@ -54,13 +48,11 @@ TEST(TlvGet, FindsOnlyAWholeItemAndNullsTheValueOtherwise) {
     EXPECT_EQ(type, 37u);
     EXPECT_EQ(length, 4u);
     EXPECT_EQ(value, item.data() + 4);
-
     for (uint32_t cut : {0u, 3u, 4u, 7u}) {
         value = item.data();
         EXPECT_EQ(STLV_Get(item.data(), cut, &type, &length, &value), 0u) << "length " << cut;
         EXPECT_EQ(value, nullptr) << "length " << cut;
     }
-
     const Bytes empty = Hex("00 69 00 00");
     ASSERT_NE(STLV_Get(empty.data(), 4, &type, &length, &value), 0u);
     EXPECT_EQ(type, 105u);

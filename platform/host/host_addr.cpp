@@ -47,23 +47,28 @@ int DeviceDir(char *out, size_t room) {
                   room);
 }
 
-int NodePortPath(uint16_t node, uint16_t port, char *out, size_t room) {
+namespace {
+
+// The device directory followed by /name: the path's length, or -1 when it
+// does not fit room.
+int InDeviceDir(const char *name, char *out, size_t room) {
     const int dir = DeviceDir(out, room);
     if (dir < 0) return -1;
     const size_t used = static_cast<size_t>(dir);
-    const int tail = Fitted(std::snprintf(out + used, room - used, "/node-%04x.port-%u",
-                                          static_cast<unsigned>(node), static_cast<unsigned>(port)),
-                            room - used);
+    const int tail = Fitted(std::snprintf(out + used, room - used, "/%s", name), room - used);
     return tail < 0 ? -1 : dir + tail;
 }
 
-int ControlPath(char *out, size_t room) {
-    const int dir = DeviceDir(out, room);
-    if (dir < 0) return -1;
-    const size_t used = static_cast<size_t>(dir);
-    const int tail = Fitted(std::snprintf(out + used, room - used, "/control"), room - used);
-    return tail < 0 ? -1 : dir + tail;
+}  // namespace
+
+int NodePortPath(uint16_t node, uint16_t port, char *out, size_t room) {
+    char name[32];
+    std::snprintf(name, sizeof name, "node-%04x.port-%u", static_cast<unsigned>(node),
+                  static_cast<unsigned>(port));
+    return InDeviceDir(name, out, room);
 }
+
+int ControlPath(char *out, size_t room) { return InDeviceDir("control", out, room); }
 
 bool NodePortAddress(uint16_t node, uint16_t port, sockaddr_un *address, socklen_t *length) {
     char path[kMaxSocketPath + 1];

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "l2vfib_platform.h"
@@ -105,6 +106,33 @@ uint32_t CIOCTL(uint32_t target, uint32_t code, uint32_t inputLength, const void
 uint32_t CIOCTL_Async(uint32_t target, uint32_t code, uint32_t inputLength, const void *input) {
     g.controls.push_back({true, target, code, fake::Copy(input, inputLength), 0, false, false});
     return g.asyncResult;
+}
+
+uint16_t *DEV_GetAllNodes(uint32_t *count) {
+    ++g.nodeQueries;
+    if (!g.nodes) return nullptr;
+    // Never a zero-sized allocation, so that null always means failure.
+    auto *list = static_cast<uint16_t *>(std::malloc(sizeof(uint16_t) * (g.nodes->size() + 1)));
+    if (list == nullptr) return nullptr;
+    std::copy(g.nodes->begin(), g.nodes->end(), list);
+    *count = static_cast<uint32_t>(g.nodes->size());
+    return list;
+}
+
+uint32_t IF_IsNodeUp(uint32_t node) {
+    g.upQueries.push_back(node);
+    return g.upNodes.count(node) != 0 ? 1 : 0;
+}
+
+uint32_t LIP_GetLocalLip(uint32_t which) {
+    g.lipQueries.push_back(which);
+    return g.localLip;
+}
+
+uint32_t TUNNEL_GetMode(uint32_t ifIndex, uint32_t *mode) {
+    g.tunnelQueries.push_back(ifIndex);
+    if (mode != nullptr) *mode = g.tunnelMode;
+    return g.tunnelResult;
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,11 @@ struct Script {
     int closeResult = 0;
     std::deque<ControlResult> controlResults{};  // none left: 0, no answer
     uint32_t asyncResult = 0;
+    std::optional<std::vector<uint16_t>> nodes{};  // DEV_GetAllNodes' list; none: it fails
+    std::set<uint32_t> upNodes{};                   // IF_IsNodeUp answers 1 for these
+    uint32_t localLip = 0;                          // LIP_GetLocalLip's answer
+    uint32_t tunnelMode = 0;                        // TUNNEL_GetMode's mode and result
+    uint32_t tunnelResult = 0;
 };
 
 // What the library called. trace holds every socket call in order:
@@ -70,6 +76,10 @@ struct Records {
     std::vector<OptCall> opts;
     std::vector<int> closes;
     std::vector<ControlCall> controls;
+    int nodeQueries = 0;
+    std::vector<uint32_t> upQueries;
+    std::vector<uint32_t> lipQueries;
+    std::vector<uint32_t> tunnelQueries;
 };
 
 struct Platform : Script, Records {

@@ -32,8 +32,9 @@
 //   | 4, 8 |eventParam| mask |extra16|
 //   |      | be32     | be16 | be16  |
 //   +------+----------+------+-------+
-#include <cstring>
 #include <sys/socket.h>
+
+#include <cstring>
 
 #include "event/event.h"
 #include "l2vfib.h"
@@ -98,8 +99,8 @@ uint32_t l2vfib_SendEvtReg(int32_t socket, uint32_t deregister, const L2VFIB_Evt
     PutBe16(select + 12, reg->eventMask);
     PutBe16(select + 14, reg->extra16);
     uint8_t *items = msg + l2vfib::kHeadSize;
-    uint32_t itemBytes = STLV_Set(items, sizeof msg - l2vfib::kHeadSize, kItemSelect,
-                                  sizeof select, select);
+    uint32_t itemBytes =
+        STLV_Set(items, sizeof msg - l2vfib::kHeadSize, kItemSelect, sizeof select, select);
     if ((reg->eventMask & kMaskParam) != 0 && (reg->eventMask & kMaskParamKinds) != 0) {
         uint8_t param[8] = {};
         PutBe32(param, eventParam);

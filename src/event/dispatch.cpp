@@ -26,10 +26,11 @@
 //                         | b32  | b16| r  | k32  | k32  | r    | k32  | k32  |
 //
 //   k32: big-endian when kind is 93, otherwise raw.
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
-#include <sys/socket.h>
 
 #include "event/event.h"
 #include "l2vfib.h"
@@ -45,8 +46,8 @@ constexpr uint32_t kItemRecord6 = 6;
 constexpr uint8_t kKindNumbers = 93;
 
 static_assert(sizeof(L2VFIB_EvtRecord2) == 48 && offsetof(L2VFIB_EvtRecord2, kind) == 8 &&
-              offsetof(L2VFIB_EvtRecord2, half1) == 24 && offsetof(L2VFIB_EvtRecord2, word5) == 28 &&
-              offsetof(L2VFIB_EvtRecord2, word7) == 40);
+              offsetof(L2VFIB_EvtRecord2, half1) == 24 &&
+              offsetof(L2VFIB_EvtRecord2, word5) == 28 && offsetof(L2VFIB_EvtRecord2, word7) == 40);
 static_assert(sizeof(L2VFIB_EvtRecord3) == 12 && offsetof(L2VFIB_EvtRecord3, half0) == 8);
 static_assert(sizeof(L2VFIB_EvtRecord6) == 40 && offsetof(L2VFIB_EvtRecord6, raw0) == 8);
 

@@ -55,6 +55,7 @@ struct Script {
                                              // errno e; none left: the whole message
     std::deque<RecvResult> recvResults{};    // none left: fails with EAGAIN
     int optFailures = 0;                     // the next n setsockopt calls fail
+    std::set<int> optFailNames{};            // setsockopt of these option names fails
     int closeResult = 0;
     std::deque<ControlResult> controlResults{};  // none left: 0, no answer
     uint32_t asyncResult = 0;

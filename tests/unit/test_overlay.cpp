@@ -300,8 +300,12 @@ TEST_F(TunnelInterface, DeletionGoesAtOnceByMode) {
             EXPECT_TRUE(P().sends[0].fd == 7 && P().sends[0].flags == 0);
         }
     }
-    // An interrupted send is sent again; any other failure is final.
+    // A lookup that leaves the mode as it was refuses the interface.
     P().tunnelMode = 33;
+    P().tunnelModeUntouched = true;
+    EXPECT_EQ(L2VFIB_SendTunnelIFDel(7, 261), L2VFIB_ERR_FAIL);
+    // An interrupted send is sent again; any other failure is final.
+    P().tunnelModeUntouched = false;
     P().sendResults = {-EINTR, -EIO, -EINTR};
     EXPECT_EQ(L2VFIB_SendTunnelIFDel(7, 261), L2VFIB_ERR_FAIL);
     EXPECT_EQ(L2VFIB_SendTunnelIFDel(7, 261), L2VFIB_OK);

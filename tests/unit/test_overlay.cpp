@@ -138,9 +138,14 @@ TEST_F(Overlay, RefusalsWriteAndSendNothing) {
 
 // Each switch message asks for 136 free bytes: at 136 the delete goes behind
 // the queue and the add starts the next batch (when its flush fails, the
-// delete stays queued); at 135 both start the next batch.
+// delete stays queued); at 135 both start the next batch (when that flush
+// fails, the add is not tried).
 TEST_F(Overlay, SwitchKeepsTheDeleteFirstAcrossAFlush) {
     const Bytes del = Hex(kDel), add = Hex(kAdd2), queue = Bytes(1264, 0);
+    Leave(135);
+    P().sendResults = {-EAGAIN};
+    EXPECT_EQ(L2VFIB_SwitchOverlayTunnel(fd_, 5, &kTun, &kTun2), L2VFIB_ERR_FAIL);
+    EXPECT_EQ(P().sends.size(), 1u);
     Leave(136);
     P().sendResults = {-EAGAIN};
     EXPECT_EQ(L2VFIB_SwitchOverlayTunnel(fd_, 5, &kTun, &kTun2), L2VFIB_ERR_FAIL);

@@ -42,7 +42,8 @@ constexpr uint32_t kOpDel = 7;
 constexpr uint32_t kOpIfDel = 10;
 
 constexpr uint32_t kKeyItem = 70, kKeyLength = 8;
-constexpr uint32_t kAttrItem = 71, kAttrLength = 48, kAttrWords = 16;
+constexpr uint32_t kAttrItem = 71, kAttrLength = 48;
+constexpr uint32_t kAttrWords = 4;  // then all-ones up to kAttrLength
 constexpr uint32_t kIfItem = 72, kIfLength = 4;
 
 // Free bytes each message asks for. A switch message takes 72 like an add
@@ -71,8 +72,8 @@ uint32_t QueueTunnel(int32_t socket, uint32_t needed, uint32_t objType, uint32_t
     l2vfib::PutItem(append, kKeyItem, key, kKeyLength);
     if (!keyOnly) {
         uint8_t attr[kAttrLength];
-        for (uint32_t i = 0; i < 4; ++i) PutBe32(attr + 4 * i, entry.tunnelAttr[i]);
-        std::memset(attr + kAttrWords, 0xFF, kAttrLength - kAttrWords);
+        for (uint32_t i = 0; i < kAttrWords; ++i) PutBe32(attr + 4 * i, entry.tunnelAttr[i]);
+        std::memset(attr + 4 * kAttrWords, 0xFF, kAttrLength - 4 * kAttrWords);
         l2vfib::PutItem(append, kAttrItem, attr, kAttrLength);
     }
     l2vfib::AppendEnd(append, objType, opcode, byte7);

@@ -125,8 +125,6 @@ TEST_F(Overlay, RefusalsWriteAndSendNothing) {
         {CALL(L2VFIB_SwitchOverlayTunnel(fd, 5, &kTun, nullptr)), L2VFIB_ERR_NOT_OPEN},
         {CALL(L2VFIB_SwitchOverlayTunnel(fd, 7, &kTun, &kTun2)), L2VFIB_ERR_FAIL},
         {CALL(l2vfib_SendEbgMemberEntry(fd, 8, 5, nullptr, kEbg, 1)), L2VFIB_ERR_FAIL},
-        {CALL(L2VFIB_AddEBGMember(fd, 8, &kEbgKey, nullptr, 1)), L2VFIB_ERR_FAIL},
-        {CALL(L2VFIB_DelMplsEBGMember(fd, 8, nullptr, kMpls, 1)), L2VFIB_ERR_FAIL},
         {CALL(l2vfib_SendMplsEbgMemberEntry(fd, 8, 5, &kMplsKey, nullptr, 1)), L2VFIB_ERR_FAIL},
         {CALL(l2vfib_SendEbgDfEntry(fd, 8, 5, nullptr)), L2VFIB_ERR_FAIL},
     };

@@ -132,7 +132,7 @@ uint32_t LIP_GetLocalLip(uint32_t which) {
 
 uint32_t TUNNEL_GetMode(uint32_t ifIndex, uint32_t *mode) {
     g.tunnelQueries.push_back(ifIndex);
-    if (mode != nullptr) *mode = g.tunnelMode;
+    if (mode != nullptr && !g.tunnelModeUntouched) *mode = g.tunnelMode;
     return g.tunnelResult;
 }
 

@@ -64,6 +64,7 @@ struct Script {
     uint32_t localLip = 0;                          // LIP_GetLocalLip's answer
     uint32_t tunnelMode = 0;                        // TUNNEL_GetMode's mode and result
     uint32_t tunnelResult = 0;
+    bool tunnelModeUntouched = false;               // TUNNEL_GetMode leaves the mode as it was
 };
 
 // What the library called. trace holds every socket call in order:

@@ -23,7 +23,8 @@ constexpr uint8_t kOld = 0x3C;
 constexpr uint32_t kCountUnset = 0xDEADBEEF;
 
 // The result, and the entry item's value and size when the list is written.
-uint32_t Expected(const uint8_t *a, size_t n, const uint8_t **entries, uint32_t *size, uint32_t *count) {
+uint32_t Expected(const uint8_t *a, size_t n, const uint8_t **entries, uint32_t *size,
+                  uint32_t *count) {
     if (n < 12) return L2VFIB_ERR_FAIL;
     const uint32_t outer = Be16(a + 2), inner = n >= 16 ? Be16(a + 14) : 0;
     if (outer < 12 || 12 + outer > n || inner > outer - 8 || inner < 8) return L2VFIB_ERR_FAIL;
@@ -33,7 +34,8 @@ uint32_t Expected(const uint8_t *a, size_t n, const uint8_t **entries, uint32_t 
     if (*count == 0) return L2VFIB_OK;
     const uint32_t rest = inner - 4 - first;
     const uint8_t *item = a + 24 + first;
-    if (*count > L2VFIB_AC_DATA_MAX || rest < 4 || 4 + Be16(item + 2) > rest) return L2VFIB_ERR_FAIL;
+    if (*count > L2VFIB_AC_DATA_MAX || rest < 4 || 4 + Be16(item + 2) > rest)
+        return L2VFIB_ERR_FAIL;
     *size = Be16(item + 2) / *count;
     *entries = item + 4;
     return L2VFIB_OK;

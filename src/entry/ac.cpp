@@ -38,7 +38,8 @@ extern "C" {
 uint32_t l2vfib_SendAcEntry(int32_t socket, const L2VFIB_EntryKey *key, const L2VFIB_AcInfo *info,
                             const L2VFIB_AcOption *option) {
     if (key == nullptr) return L2VFIB_ERR_FAIL;
-    if (info == nullptr) return l2vfib::QueueKeyed(socket, kObjAc, l2vfib::kOpDelete, 0, kKeyItem, key, nullptr, 0);
+    if (info == nullptr)
+        return l2vfib::QueueKeyed(socket, kObjAc, l2vfib::kOpDelete, 0, kKeyItem, key, nullptr, 0);
 
     uint8_t value[l2vfib::kValueArea];
     const uint32_t infoLength = l2vfib::StageAcInfo(*info, l2vfib_Caps.fillWords22, value);

@@ -41,8 +41,8 @@ L2VFIB_API uint32_t L2VFIB_ResetMacAddr(const uint32_t *value) {
     uint8_t item[4];
     l2vfib::PutBe32(item, l2vfib::Load<uint32_t>(value));
     const uint32_t length =
-        l2vfib::kHeadSize + STLV_Set(msg + l2vfib::kHeadSize, kResetArea - l2vfib::kHeadSize, kValueItem,
-                                     sizeof item, item);
+        l2vfib::kHeadSize + STLV_Set(msg + l2vfib::kHeadSize, kResetArea - l2vfib::kHeadSize,
+                                     kValueItem, sizeof item, item);
     L2VFIB_MsgHead head{};
     l2vfib_FillMsgHead(kObjReset, length - l2vfib::kHeadSize, 1, 8, &head);
     l2vfib::WriteMsgHead(head, msg);

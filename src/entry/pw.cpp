@@ -57,7 +57,8 @@ extern "C" {
 // room that failed.
 L2VFIB_API uint32_t L2VFIB_AddPwEntry(int32_t socket, uint32_t byte7, const L2VFIB_EntryKey *key,
                                       const void *block, uint16_t blockLength) {
-    return l2vfib::QueueKeyed(socket, kObjPw, l2vfib::kOpAdd, byte7, kKeyItem, key, block, blockLength);
+    return l2vfib::QueueKeyed(socket, kObjPw, l2vfib::kOpAdd, byte7, kKeyItem, key, block,
+                              blockLength);
 }
 
 // Returns L2VFIB_OK; L2VFIB_ERR_NOT_OPEN when the library is not open;

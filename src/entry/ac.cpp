@@ -35,6 +35,10 @@ void Item(l2vfib::Append &append, uint32_t type, uint32_t length, const uint8_t 
 
 extern "C" {
 
+// The worker behind both exported functions. Returns L2VFIB_OK;
+// L2VFIB_ERR_NOT_OPEN when the library is not open; L2VFIB_ERR_FAIL for a
+// null key, a fillWords22 above 52 on an add, or a flush for room that
+// failed. The count bound is tested before the batch is touched.
 uint32_t l2vfib_SendAcEntry(int32_t socket, const L2VFIB_EntryKey *key, const L2VFIB_AcInfo *info,
                             const L2VFIB_AcOption *option) {
     if (key == nullptr) return L2VFIB_ERR_FAIL;

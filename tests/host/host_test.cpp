@@ -301,6 +301,8 @@ TEST_F(HostLibrary, AnEventReachesTheDaemonsPollLoop) {
     ASSERT_EQ(received.size(), 3u);
     EXPECT_EQ(std::tuple(received[0].size(), received[0][6], received[1][6], received[2][6]),
               std::tuple(16u, 5, 5, 7));
+}
+
 // The AC flag message goes alone; the AC data query is answered on the
 // caller's own socket, whose entries come back in host order.
 TEST_F(HostLibrary, AcFlagAndAcDataQueryOnTheCallersSocket) {

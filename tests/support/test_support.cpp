@@ -6,17 +6,50 @@
 
 namespace l2vt {
 
-Bytes Hex(std::string_view text) {
-    std::string digits;
-    for (char c : text) {
-        if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
-        else if (c != ' ' && c != '|' && c != '\n') std::abort();  // a typo in the test
-    }
-    if (digits.size() % 2 != 0) std::abort();
+namespace {
+
+// Bytes up to the end of text, or up to the ']' that closes a group.
+Bytes HexRun(std::string_view text, size_t &pos, bool inGroup) {
+    auto digit = [&](size_t at) {
+        return at < text.size() && std::isxdigit(static_cast<unsigned char>(text[at]));
+    };
     Bytes out;
-    for (size_t i = 0; i < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    while (pos < text.size()) {
+        const char c = text[pos];
+        Bytes unit;
+        if (c == ' ' || c == '|' || c == '\n') {
+            ++pos;
+            continue;
+        } else if (c == ']' && inGroup) {
+            ++pos;
+            return out;
+        } else if (c == '[') {
+            unit = HexRun(text, ++pos, true);
+        } else if (digit(pos) && digit(pos + 1)) {
+            unit.push_back(static_cast<uint8_t>(std::stoul(std::string(text.substr(pos, 2)), nullptr, 16)));
+            pos += 2;
+        } else {
+            std::abort();  // a typo in the test
+        }
+        size_t times = 1;
+        if (pos < text.size() && text[pos] == '*') {
+            size_t end = ++pos;
+            while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
+            if (end == pos) std::abort();
+            times = std::stoul(std::string(text.substr(pos, end - pos)));
+            pos = end;
+        }
+        for (size_t i = 0; i < times; ++i) out.insert(out.end(), unit.begin(), unit.end());
+    }
+    if (inGroup) std::abort();  // an unclosed group
     return out;
+}
+
+}  // namespace
+
+Bytes Hex(std::string_view text) {
+    size_t pos = 0;
+    return HexRun(text, pos, false);
 }
 
 Bytes operator+(Bytes a, const Bytes &b) {

@@ -7,13 +7,17 @@
 //
 // Send mode: l2vfib_EncodeCmd builds any code into a room of 0 to 1400
 // bytes with guard bytes on both sides, under fuzz-chosen capability
-// counts, from records that are null or a zero-padded block with fuzz bytes
-// in front, large enough for any record including a full counted list. The
+// counts, from records that are null or fuzz-filled, each in an allocation
+// of exactly the size its encoder reads: variant entries of every kind with
+// their records, ext blocks and pair lists, range lists of count words. The
 // build runs twice over buffers prefilled with opposite patterns: both must
 // give the same message, so every byte of it is written by the library.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <memory>
 #include <vector>
 
 #include "checks.h"
@@ -67,20 +71,124 @@ void Receive(FuzzedDataProvider &fdp) {
     fuzzcheck::Notice(f.data(), f.size(), withCallback);
 }
 
-// Room for the largest record, a range or list of 65535 words included.
-constexpr size_t kBlock = sizeof(L2VFIB_RangeOrList) + 65535 * sizeof(uint32_t);
+// The records of one build, each in an allocation of exactly its own size
+// (none at all for a record the encoder does not read), so that a read
+// past a record shows; filled from the input, zeros once it runs dry.
+class Records {
+  public:
+    explicit Records(FuzzedDataProvider &fdp) : fdp_(fdp) {}
 
-// A record: null, or the block with up to 512 fuzz bytes in front, zeros
-// behind. The block is one exact allocation, so reading past it is caught.
-const void *Record(FuzzedDataProvider &fdp, int which) {
-    static uint8_t *const blocks[2] = {new uint8_t[kBlock](), new uint8_t[kBlock]()};
-    static size_t used[2] = {};
-    if (fdp.ConsumeIntegralInRange(0, 7) == 0) return nullptr;
-    const Bytes bytes = fdp.ConsumeBytes<uint8_t>(fdp.ConsumeIntegralInRange<size_t>(0, 512));
-    std::fill_n(blocks[which], used[which], 0);
-    std::copy(bytes.begin(), bytes.end(), blocks[which]);
-    used[which] = bytes.size();
-    return blocks[which];
+    void *Fill(size_t size) { return Own(size, nullptr, 0); }
+    // The record, then extra bytes from the input.
+    template <typename T>
+    T *Copy(const T &record, size_t extra = 0) {
+        return static_cast<T *>(Own(sizeof record + extra, &record, sizeof record));
+    }
+    template <typename T>
+    T Consume() {
+        T record{};
+        fdp_.ConsumeData(&record, sizeof record);
+        return record;
+    }
+    // Null now and then, so that refusals of a missing record are fuzzed too.
+    bool Missing() { return fdp_.ConsumeIntegralInRange(0, 7) == 0; }
+
+  private:
+    void *Own(size_t size, const void *head, size_t headSize) {
+        owned_.emplace_back(new uint8_t[size]());
+        uint8_t *p = owned_.back().get();
+        if (headSize != 0) std::memcpy(p, head, headSize);
+        fdp_.ConsumeData(p + headSize, size - headSize);
+        return p;
+    }
+
+    FuzzedDataProvider &fdp_;
+    std::vector<std::unique_ptr<uint8_t[]>> owned_;
+};
+
+// A list of count pairs, or null.
+const L2VFIB_HalfPair *Pairs(Records &r, uint16_t count) {
+    return r.Missing() ? nullptr : static_cast<const L2VFIB_HalfPair *>(r.Fill(4 * size_t{count}));
+}
+
+// A variant entry of any kind, and behind it the record of its kind (now
+// and then none, or one the kind does not read), with its ext block and
+// lists of fuzz-chosen lengths.
+const void *VariantEntry(FuzzedDataProvider &fdp, Records &r) {
+    auto entry = r.Consume<L2VFIB_VariantEntry>();
+    entry.kind = fdp.ConsumeIntegralInRange<uint8_t>(0, 6);
+    entry.variant = nullptr;
+    if (!r.Missing()) {
+        switch (entry.kind) {
+        case 1: {
+            auto v = r.Consume<L2VFIB_Variant1>();
+            v.count0 = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 400);
+            v.count1 = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 400);
+            v.list0 = Pairs(r, v.count0);
+            v.list1 = Pairs(r, v.count1);
+            v.ext = r.Missing() ? nullptr : r.Copy(r.Consume<L2VFIB_Variant1Ext>());
+            entry.variant = r.Copy(v);
+            break;
+        }
+        case 2:
+        case 3: entry.variant = r.Fill(sizeof(L2VFIB_Variant2)); break;
+        case 4: entry.variant = r.Fill(sizeof(L2VFIB_Variant4)); break;
+        default: entry.variant = r.Fill(0); break;  // not to be read
+        }
+    }
+    return r.Copy(entry);
+}
+
+// A range or list whose words are exactly count entries.
+const void *RangeOrList(FuzzedDataProvider &fdp, Records &r) {
+    auto head = r.Consume<L2VFIB_RangeOrList>();
+    head.count = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 200);
+    return r.Copy(head, sizeof(uint32_t) * head.count);
+}
+
+// What each encoder reads from arg1 and arg2: a size, or a record built
+// by one of the functions above.
+constexpr size_t kU16 = 2, kU32 = 4, kKey = sizeof(L2VFIB_EntryKey),
+                 kPair = sizeof(L2VFIB_WordPair);
+constexpr size_t kVariant = SIZE_MAX, kList = SIZE_MAX - 1;
+struct Reads {
+    L2VFIB_CmdEncoder encoder;
+    size_t arg1, arg2;
+};
+const Reads kReads[] = {
+    {l2vfib_EncTlv31, kU32, 0}, {l2vfib_EncTlv32, kU32, 0}, {l2vfib_EncTlv44, kU32, 0},
+    {l2vfib_EncTlv100, kU32, 0}, {l2vfib_EncTlv102, 0, kU32}, {l2vfib_EncTlv140, 0, kU32},
+    {l2vfib_EncTlv185, 0, kU32}, {l2vfib_EncTlv189, 0, kU32}, {l2vfib_EncTlv190, 0, kU32},
+    {l2vfib_EncTlv215, 0, kU32}, {l2vfib_EncTlv217, 0, kU32}, {l2vfib_EncTlv230, 0, kU32},
+    {l2vfib_EncTlv237, 0, kU32}, {l2vfib_EncTlv83, 0, kU16}, {l2vfib_EncTlv218, 0, kU16},
+    {l2vfib_EncTlv234, 0, kU16}, {l2vfib_EncTlv235, 0, kU16}, {l2vfib_EncTlv238, 0, kU16},
+    {l2vfib_EncTlv105, 0, 0}, {l2vfib_EncTlv106, 0, 0}, {l2vfib_EncTlv10, kKey, 0},
+    {l2vfib_EncTlv20, 0, kKey}, {l2vfib_EncTlv70, 0, kPair}, {l2vfib_EncTlv180, 0, kPair},
+    {l2vfib_EncTlv181Mark182, kU32, 0}, {l2vfib_EncTlv181Mark183, kU32, 0},
+    {l2vfib_EncTlv181Mark186, kU32, 0}, {l2vfib_EncTlv143With142, kU32, kU32},
+    {l2vfib_EncVariantEntry, kKey, kVariant},
+    {l2vfib_EncInstanceCfg, kU32, sizeof(L2VFIB_InstanceCfg)},
+    {l2vfib_EncHostEntry, kKey, sizeof(L2VFIB_HostEntry)},
+    {l2vfib_EncAcInfo, kKey, sizeof(L2VFIB_AcInfo)},
+    {l2vfib_EncAddrParam, 0, sizeof(L2VFIB_AddrParam)},
+    {l2vfib_EncAddrSet, 0, sizeof(L2VFIB_AddrSet)},
+    {l2vfib_EncAddrTriple, 0, 3 * sizeof(L2VFIB_IpAddr)},
+    {l2vfib_EncAddrFill, 0, sizeof(L2VFIB_IpAddr)},
+    {l2vfib_EncMacEntry, kKey, 6},
+    {l2vfib_EncTlv201, 0, sizeof(L2VFIB_DataEntry)},
+    {l2vfib_EncTlv239With146, kU32, sizeof(L2VFIB_DataBlock)},
+    {l2vfib_EncRangeOrList, kU32, kList},
+    {l2vfib_EncTlv141With142, kU32, sizeof(L2VFIB_PairEntryExt)},
+    {l2vfib_EncTlv145With146, kU32, sizeof(L2VFIB_PairEntry)},
+    {l2vfib_EncTlv184, 0, sizeof(L2VFIB_WordTriple)},
+    {l2vfib_EncTlv236, 0, sizeof(L2VFIB_WordsHalf)},
+};
+
+const void *Record(FuzzedDataProvider &fdp, Records &r, size_t reads) {
+    if (r.Missing()) return nullptr;
+    if (reads == kVariant) return VariantEntry(fdp, r);
+    if (reads == kList) return RangeOrList(fdp, r);
+    return r.Fill(reads);
 }
 
 constexpr size_t kGuard = 32;
@@ -122,12 +230,18 @@ void Send(FuzzedDataProvider &fdp) {
                              : fdp.ConsumeIntegralInRange<uint32_t>(0, 95);
     const uint16_t room = fdp.ConsumeIntegralInRange<uint16_t>(0, L2VFIB_BATCH_SIZE);
     const uint8_t fill = fdp.ConsumeIntegral<uint8_t>();
-    const void *arg1 = Record(fdp, 0);
-    const void *arg2 = Record(fdp, 1);
-    // A variant entry holds pointers a plain block cannot give: null only.
-    static constexpr uint32_t kVariant[] = {7, 8, 9, 12, 69, 70};
-    if (std::find(std::begin(kVariant), std::end(kVariant), cmd) != std::end(kVariant))
-        arg2 = nullptr;
+    // A code without encoder reads nothing: it gets two empty records.
+    Reads reads = {nullptr, 0, 0};
+    if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].encoder != nullptr) {
+        const auto *found =
+            std::find_if(std::begin(kReads), std::end(kReads),
+                         [&](const Reads &e) { return e.encoder == l2vfib_CmdTable[cmd].encoder; });
+        FUZZ_REQUIRE(found != std::end(kReads));
+        reads = *found;
+    }
+    Records records(fdp);
+    const void *arg1 = Record(fdp, records, reads.arg1);
+    const void *arg2 = Record(fdp, records, reads.arg2);
     FUZZ_REQUIRE(Encode(cmd, arg1, arg2, room, fill) ==
                  Encode(cmd, arg1, arg2, room, static_cast<uint8_t>(~fill)));
 }

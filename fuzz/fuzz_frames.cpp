@@ -71,124 +71,81 @@ void Receive(FuzzedDataProvider &fdp) {
     fuzzcheck::Notice(f.data(), f.size(), withCallback);
 }
 
-// The records of one build, each in an allocation of exactly its own size
-// (none at all for a record the encoder does not read), so that a read
-// past a record shows; filled from the input, zeros once it runs dry.
-class Records {
-  public:
-    explicit Records(FuzzedDataProvider &fdp) : fdp_(fdp) {}
+// The records of one build, each an allocation of exactly the size asked
+// (none at all for a record the encoder does not read), filled from the
+// input: a read past a record shows.
+struct Records {
+    FuzzedDataProvider &fdp;
+    std::vector<std::unique_ptr<uint8_t[]>> owned{};
 
-    void *Fill(size_t size) { return Own(size, nullptr, 0); }
-    // The record, then extra bytes from the input.
-    template <typename T>
-    T *Copy(const T &record, size_t extra = 0) {
-        return static_cast<T *>(Own(sizeof record + extra, &record, sizeof record));
-    }
-    template <typename T>
-    T Consume() {
-        T record{};
-        fdp_.ConsumeData(&record, sizeof record);
-        return record;
+    template <typename T = uint8_t>
+    T *Fill(size_t size = sizeof(T)) {
+        owned.emplace_back(new uint8_t[size]());
+        fdp.ConsumeData(owned.back().get(), size);
+        return reinterpret_cast<T *>(owned.back().get());
     }
     // Null now and then, so that refusals of a missing record are fuzzed too.
-    bool Missing() { return fdp_.ConsumeIntegralInRange(0, 7) == 0; }
-
-  private:
-    void *Own(size_t size, const void *head, size_t headSize) {
-        owned_.emplace_back(new uint8_t[size]());
-        uint8_t *p = owned_.back().get();
-        if (headSize != 0) std::memcpy(p, head, headSize);
-        fdp_.ConsumeData(p + headSize, size - headSize);
-        return p;
+    bool Missing() { return fdp.ConsumeIntegralInRange(0, 7) == 0; }
+    uint16_t Count(uint16_t most) {
+        return fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : most);
     }
-
-    FuzzedDataProvider &fdp_;
-    std::vector<std::unique_ptr<uint8_t[]>> owned_;
 };
 
-// A list of count pairs, or null.
-const L2VFIB_HalfPair *Pairs(Records &r, uint16_t count) {
-    return r.Missing() ? nullptr : static_cast<const L2VFIB_HalfPair *>(r.Fill(4 * size_t{count}));
-}
-
-// A variant entry of any kind, and behind it the record of its kind (now
-// and then none, or one the kind does not read), with its ext block and
-// lists of fuzz-chosen lengths.
-const void *VariantEntry(FuzzedDataProvider &fdp, Records &r) {
-    auto entry = r.Consume<L2VFIB_VariantEntry>();
-    entry.kind = fdp.ConsumeIntegralInRange<uint8_t>(0, 6);
-    entry.variant = nullptr;
-    if (!r.Missing()) {
-        switch (entry.kind) {
-        case 1: {
-            auto v = r.Consume<L2VFIB_Variant1>();
-            v.count0 = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 400);
-            v.count1 = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 400);
-            v.list0 = Pairs(r, v.count0);
-            v.list1 = Pairs(r, v.count1);
-            v.ext = r.Missing() ? nullptr : r.Copy(r.Consume<L2VFIB_Variant1Ext>());
-            entry.variant = r.Copy(v);
-            break;
-        }
-        case 2:
-        case 3: entry.variant = r.Fill(sizeof(L2VFIB_Variant2)); break;
-        case 4: entry.variant = r.Fill(sizeof(L2VFIB_Variant4)); break;
-        default: entry.variant = r.Fill(0); break;  // not to be read
-        }
+// A variant entry of any kind with the record of its kind (or one the kind
+// does not read), and for kind 1 its ext block and pair lists.
+const void *VariantEntry(Records &r) {
+    auto *entry = r.Fill<L2VFIB_VariantEntry>();
+    entry->kind = r.fdp.ConsumeIntegralInRange<uint8_t>(0, 6);
+    static constexpr size_t kSizes[] = {0, sizeof(L2VFIB_Variant1), sizeof(L2VFIB_Variant2),
+                                        sizeof(L2VFIB_Variant2), sizeof(L2VFIB_Variant4), 0, 0};
+    void *variant = r.Missing() ? nullptr : r.Fill(kSizes[entry->kind]);
+    entry->variant = variant;
+    if (entry->kind == 1 && variant != nullptr) {
+        auto *v = static_cast<L2VFIB_Variant1 *>(variant);
+        v->count0 = r.Count(400), v->count1 = r.Count(400);
+        v->list0 = r.Missing() ? nullptr : r.Fill<L2VFIB_HalfPair>(4 * size_t{v->count0});
+        v->list1 = r.Missing() ? nullptr : r.Fill<L2VFIB_HalfPair>(4 * size_t{v->count1});
+        v->ext = r.Missing() ? nullptr : r.Fill<L2VFIB_Variant1Ext>();
     }
-    return r.Copy(entry);
-}
-
-// A range or list whose words are exactly count entries.
-const void *RangeOrList(FuzzedDataProvider &fdp, Records &r) {
-    auto head = r.Consume<L2VFIB_RangeOrList>();
-    head.count = fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : 200);
-    return r.Copy(head, sizeof(uint32_t) * head.count);
+    return entry;
 }
 
 // What each encoder reads from arg1 and arg2: a size, or a record built
-// by one of the functions above.
+// above (a variant entry, a range list of exactly count words).
 constexpr size_t kU16 = 2, kU32 = 4, kKey = sizeof(L2VFIB_EntryKey),
-                 kPair = sizeof(L2VFIB_WordPair);
-constexpr size_t kVariant = SIZE_MAX, kList = SIZE_MAX - 1;
-struct Reads {
+                 kPair = sizeof(L2VFIB_WordPair), kVariant = SIZE_MAX, kList = SIZE_MAX - 1;
+#define E(name) l2vfib_Enc##name
+const struct Reads {
     L2VFIB_CmdEncoder encoder;
     size_t arg1, arg2;
+} kReads[] = {
+    {E(Tlv31), kU32, 0}, {E(Tlv32), kU32, 0}, {E(Tlv44), kU32, 0}, {E(Tlv100), kU32, 0},
+    {E(Tlv102), 0, kU32}, {E(Tlv140), 0, kU32}, {E(Tlv185), 0, kU32}, {E(Tlv189), 0, kU32},
+    {E(Tlv190), 0, kU32}, {E(Tlv215), 0, kU32}, {E(Tlv217), 0, kU32}, {E(Tlv230), 0, kU32},
+    {E(Tlv237), 0, kU32}, {E(Tlv83), 0, kU16}, {E(Tlv218), 0, kU16}, {E(Tlv234), 0, kU16},
+    {E(Tlv235), 0, kU16}, {E(Tlv238), 0, kU16}, {E(Tlv105), 0, 0}, {E(Tlv106), 0, 0},
+    {E(Tlv10), kKey, 0}, {E(Tlv20), 0, kKey}, {E(Tlv70), 0, kPair}, {E(Tlv180), 0, kPair},
+    {E(Tlv181Mark182), kU32, 0}, {E(Tlv181Mark183), kU32, 0}, {E(Tlv181Mark186), kU32, 0},
+    {E(Tlv143With142), kU32, kU32}, {E(VariantEntry), kKey, kVariant},
+    {E(InstanceCfg), kU32, sizeof(L2VFIB_InstanceCfg)}, {E(AcInfo), kKey, sizeof(L2VFIB_AcInfo)},
+    {E(HostEntry), kKey, sizeof(L2VFIB_HostEntry)}, {E(AddrParam), 0, sizeof(L2VFIB_AddrParam)},
+    {E(AddrSet), 0, sizeof(L2VFIB_AddrSet)}, {E(AddrTriple), 0, 3 * sizeof(L2VFIB_IpAddr)},
+    {E(AddrFill), 0, sizeof(L2VFIB_IpAddr)}, {E(MacEntry), kKey, 6},
+    {E(Tlv201), 0, sizeof(L2VFIB_DataEntry)}, {E(Tlv239With146), kU32, sizeof(L2VFIB_DataBlock)},
+    {E(RangeOrList), kU32, kList}, {E(Tlv141With142), kU32, sizeof(L2VFIB_PairEntryExt)},
+    {E(Tlv145With146), kU32, sizeof(L2VFIB_PairEntry)}, {E(Tlv184), 0, sizeof(L2VFIB_WordTriple)},
+    {E(Tlv236), 0, sizeof(L2VFIB_WordsHalf)},
 };
-const Reads kReads[] = {
-    {l2vfib_EncTlv31, kU32, 0}, {l2vfib_EncTlv32, kU32, 0}, {l2vfib_EncTlv44, kU32, 0},
-    {l2vfib_EncTlv100, kU32, 0}, {l2vfib_EncTlv102, 0, kU32}, {l2vfib_EncTlv140, 0, kU32},
-    {l2vfib_EncTlv185, 0, kU32}, {l2vfib_EncTlv189, 0, kU32}, {l2vfib_EncTlv190, 0, kU32},
-    {l2vfib_EncTlv215, 0, kU32}, {l2vfib_EncTlv217, 0, kU32}, {l2vfib_EncTlv230, 0, kU32},
-    {l2vfib_EncTlv237, 0, kU32}, {l2vfib_EncTlv83, 0, kU16}, {l2vfib_EncTlv218, 0, kU16},
-    {l2vfib_EncTlv234, 0, kU16}, {l2vfib_EncTlv235, 0, kU16}, {l2vfib_EncTlv238, 0, kU16},
-    {l2vfib_EncTlv105, 0, 0}, {l2vfib_EncTlv106, 0, 0}, {l2vfib_EncTlv10, kKey, 0},
-    {l2vfib_EncTlv20, 0, kKey}, {l2vfib_EncTlv70, 0, kPair}, {l2vfib_EncTlv180, 0, kPair},
-    {l2vfib_EncTlv181Mark182, kU32, 0}, {l2vfib_EncTlv181Mark183, kU32, 0},
-    {l2vfib_EncTlv181Mark186, kU32, 0}, {l2vfib_EncTlv143With142, kU32, kU32},
-    {l2vfib_EncVariantEntry, kKey, kVariant},
-    {l2vfib_EncInstanceCfg, kU32, sizeof(L2VFIB_InstanceCfg)},
-    {l2vfib_EncHostEntry, kKey, sizeof(L2VFIB_HostEntry)},
-    {l2vfib_EncAcInfo, kKey, sizeof(L2VFIB_AcInfo)},
-    {l2vfib_EncAddrParam, 0, sizeof(L2VFIB_AddrParam)},
-    {l2vfib_EncAddrSet, 0, sizeof(L2VFIB_AddrSet)},
-    {l2vfib_EncAddrTriple, 0, 3 * sizeof(L2VFIB_IpAddr)},
-    {l2vfib_EncAddrFill, 0, sizeof(L2VFIB_IpAddr)},
-    {l2vfib_EncMacEntry, kKey, 6},
-    {l2vfib_EncTlv201, 0, sizeof(L2VFIB_DataEntry)},
-    {l2vfib_EncTlv239With146, kU32, sizeof(L2VFIB_DataBlock)},
-    {l2vfib_EncRangeOrList, kU32, kList},
-    {l2vfib_EncTlv141With142, kU32, sizeof(L2VFIB_PairEntryExt)},
-    {l2vfib_EncTlv145With146, kU32, sizeof(L2VFIB_PairEntry)},
-    {l2vfib_EncTlv184, 0, sizeof(L2VFIB_WordTriple)},
-    {l2vfib_EncTlv236, 0, sizeof(L2VFIB_WordsHalf)},
-};
+#undef E
 
-const void *Record(FuzzedDataProvider &fdp, Records &r, size_t reads) {
+const void *Record(Records &r, size_t reads) {
     if (r.Missing()) return nullptr;
-    if (reads == kVariant) return VariantEntry(fdp, r);
-    if (reads == kList) return RangeOrList(fdp, r);
-    return r.Fill(reads);
+    if (reads == kVariant) return VariantEntry(r);
+    if (reads != kList) return r.Fill(reads);
+    const uint16_t count = r.Count(200);
+    auto *list = r.Fill<L2VFIB_RangeOrList>(sizeof(L2VFIB_RangeOrList) + 4 * size_t{count});
+    list->count = count;
+    return list;
 }
 
 constexpr size_t kGuard = 32;
@@ -230,18 +187,18 @@ void Send(FuzzedDataProvider &fdp) {
                              : fdp.ConsumeIntegralInRange<uint32_t>(0, 95);
     const uint16_t room = fdp.ConsumeIntegralInRange<uint16_t>(0, L2VFIB_BATCH_SIZE);
     const uint8_t fill = fdp.ConsumeIntegral<uint8_t>();
-    // A code without encoder reads nothing: it gets two empty records.
+    // A code without encoder reads nothing.
     Reads reads = {nullptr, 0, 0};
     if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].encoder != nullptr) {
-        const auto *found =
-            std::find_if(std::begin(kReads), std::end(kReads),
-                         [&](const Reads &e) { return e.encoder == l2vfib_CmdTable[cmd].encoder; });
+        const auto *found = std::find_if(std::begin(kReads), std::end(kReads), [&](const Reads &e) {
+            return e.encoder == l2vfib_CmdTable[cmd].encoder;
+        });
         FUZZ_REQUIRE(found != std::end(kReads));
         reads = *found;
     }
-    Records records(fdp);
-    const void *arg1 = Record(fdp, records, reads.arg1);
-    const void *arg2 = Record(fdp, records, reads.arg2);
+    Records records{fdp};
+    const void *arg1 = Record(records, reads.arg1);
+    const void *arg2 = Record(records, reads.arg2);
     FUZZ_REQUIRE(Encode(cmd, arg1, arg2, room, fill) ==
                  Encode(cmd, arg1, arg2, room, static_cast<uint8_t>(~fill)));
 }

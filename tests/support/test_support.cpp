@@ -10,35 +10,26 @@ namespace {
 
 // Bytes up to the end of text, or up to the ']' that closes a group.
 Bytes HexRun(std::string_view text, size_t &pos, bool inGroup) {
-    auto digit = [&](size_t at) {
+    auto hex = [&](size_t at) {
         return at < text.size() && std::isxdigit(static_cast<unsigned char>(text[at]));
     };
-    Bytes out;
+    Bytes out, unit;
     while (pos < text.size()) {
         const char c = text[pos];
-        Bytes unit;
         if (c == ' ' || c == '|' || c == '\n') {
             ++pos;
             continue;
-        } else if (c == ']' && inGroup) {
-            ++pos;
-            return out;
-        } else if (c == '[') {
-            unit = HexRun(text, ++pos, true);
-        } else if (digit(pos) && digit(pos + 1)) {
-            unit.push_back(static_cast<uint8_t>(std::stoul(std::string(text.substr(pos, 2)), nullptr, 16)));
-            pos += 2;
-        } else {
-            std::abort();  // a typo in the test
         }
-        size_t times = 1;
-        if (pos < text.size() && text[pos] == '*') {
-            size_t end = ++pos;
-            while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
-            if (end == pos) std::abort();
-            times = std::stoul(std::string(text.substr(pos, end - pos)));
-            pos = end;
-        }
+        if (c == ']' && inGroup) return ++pos, out;  // the group ends
+        if (c == '[') unit = HexRun(text, ++pos, true);
+        else if (hex(pos) && hex(pos + 1))
+            unit = {static_cast<uint8_t>(std::stoul(std::string(text.substr(pos, 2)), nullptr, 16))};
+        else std::abort();  // a typo in the test
+        pos += c == '[' ? 0 : 2;
+        size_t times = 1, digits = 0;  // "*N" repeats the byte or group
+        if (pos < text.size() && text[pos] == '*')
+            times = std::stoul(std::string(text.substr(++pos)), &digits);
+        pos += digits;
         for (size_t i = 0; i < times; ++i) out.insert(out.end(), unit.begin(), unit.end());
     }
     if (inGroup) std::abort();  // an unclosed group

@@ -23,7 +23,6 @@
 // All numbers are big-endian. The name goes as at most its first 31
 // characters, up to its first NUL, zero-padded: always NUL-terminated.
 #include <cstdint>
-#include <cstring>
 
 #include "enc/ac_info.h"
 #include "enc/encoders.h"
@@ -44,9 +43,8 @@ constexpr uint32_t kHostMaxFill = l2vfib::MaxFill(kHostFixed);  // 56
 
 Value CfgValue(const L2VFIB_InstanceCfg &cfg, uint32_t c) {
     Value v(kCfgFixed + 4 * c);
-    const void *nul = std::memchr(cfg.name, 0, kNameMax);
-    const auto nameLength = static_cast<uint32_t>(
-        nul == nullptr ? kNameMax : static_cast<const char *>(nul) - cfg.name);
+    uint32_t nameLength = 0;
+    while (nameLength < kNameMax && cfg.name[nameLength] != '\0') ++nameLength;
     v.Be32(0, cfg.word0)
         .Be32(4, cfg.word1)
         .Be32(8, cfg.word2)

@@ -29,7 +29,8 @@ std::string Fields(const std::vector<Field> &fields) {
 
 // Kinds whose header byte 7 the daemon chooses.
 bool ShowsByte7(Kind kind) {
-    return kind == Kind::kPw || kind == Kind::kMinM || kind == Kind::kOverlayTunnel || kind == Kind::kEbgMember ||
+    return kind == Kind::kPw || kind == Kind::kMinM || kind == Kind::kOverlayTunnel || kind == Kind::kTunnelIfDel ||
+           kind == Kind::kEbgMember ||
            kind == Kind::kMplsEbgMember || kind == Kind::kEbgDf;
 }
 

@@ -73,7 +73,8 @@ std::string Render(const Message &m) {
             keyShown = true;
             continue;
         }
-        line += fmt::format(" | {}", item.type);
+        // A control call's input is one record, not an item.
+        if (m.kind != Kind::kControl) line += fmt::format(" | {}", item.type);
         if (!item.fields.empty()) line += " " + Fields(item.fields);
         else if (!item.value.empty()) line += " " + Hex(item.value, "");
     }

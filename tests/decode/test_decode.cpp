@@ -170,6 +170,20 @@ const Row kRows[] = {
     {S, "00 01 00 08 00 00 01 09 | 00 64 00 04 00 00 00 07", Errc::kBadValue,
      "cfg 18 | 100 00000007 ! byte7 9 in cfg 18, not 8, at offset 7"},
     {S, "00 07 00 00 00 05 03 08", Errc::kBadValue, "type 7 op 3 tag 5 ! tag 5 not 0 at offset 4"},
+    // Items that contradict each other.
+    {S, "00 04 00 28 00 00 02 08 | 00 14 00 08 " KEY7 " | 00 15 00 0c 00 00 00 01 00 02 03 02 04 00 00 00"
+        " | 00 1c 00 08 00 05 00 00 00 00 00 06",
+     Errc::kBadValue,
+     "cfg 8 id 7 subId 1 | 21 word0 1 half0 2 byte0 3 kind 2 byte1 4 fill 0 | 28 half0 5 word0 6 "
+     "! item 28 with kind 2 in cfg 8 at offset 0"},
+    {S, "00 04 00 38 00 00 01 08 | 00 14 00 08 " KEY7 " | 00 15 00 0c 00 00 00 01 00 02 03 01 04 00 00 00"
+        " | 00 17 00 10 00 00 00 05 00 06 00 07 00 02 00 08 00 09 00 00 | 00 19 00 04 00 0a 00 0b",
+     Errc::kBadValue,
+     "cfg 7 id 7 subId 1 | 21 word0 1 half0 2 byte0 3 kind 1 byte1 4 fill 0 | 23 word0 5 half0 6 half1 7 "
+     "count0 2 half2 8 half3 9 count1 0 | 25 pairs.0.half0 10 pairs.0.half1 11 "
+     "! item 25 holds 1 pairs but count0 is 2 in cfg 7 at offset 0"},
+    {S, "00 01 00 10 00 00 07 08 | 00 78 00 04 00 00 00 03 | 00 79 00 04 00 00 00 0a", Errc::kBadValue,
+     "cfg 33 value 3 | 121 value 10 ! a range and a list mixed in cfg 33 at offset 0"},
 };
 
 std::string Lines(const dec::Decoded &d) {

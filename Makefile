@@ -3,17 +3,21 @@
 #   make test         build and run every test, then again under ASan+UBSan
 #   make test-cross   unit tests cross-built for armhf and s390x, run under qemu
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
+#   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
+#   make bench        benchmarks: wall time, then the instruction table
 #   make build        just build (build/)
 #   make clean
 
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
+FUZZ_RUNS ?= 100000000
 CMAKE ?= cmake
 CTEST ?= ctest
 CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
 .PHONY: all build test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
+.PHONY: bench deps-bench fuzz-long footprint
 
 all: build
 
@@ -25,6 +29,9 @@ deps-cross:
 
 deps-fuzz:
 	@sh scripts/install-deps.sh base fuzz
+
+deps-bench:
+	@sh scripts/install-deps.sh base bench
 
 build: deps
 	$(CMAKE) -S . -B build
@@ -55,5 +62,12 @@ fuzz: deps-fuzz
 	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_acdata
 	$(CMAKE) --build build-fuzz --target fuzz-run
 
+bench: deps-bench
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DL2VFIB_BENCH=ON \
+	  -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-bench -j$(JOBS) --target l2vfib_bench
+	build-bench/bench/l2vfib_bench --benchmark_min_time=0.05
+	sh bench/callgrind.sh build-bench/bench
+
 clean:
-	rm -rf build build-asan build-fuzz $(foreach a,$(CROSS_ARCHES),build-$(a))
+	rm -rf build build-asan build-fuzz build-bench $(foreach a,$(CROSS_ARCHES),build-$(a))

@@ -4,12 +4,18 @@
 #   L2VFIB_EXAMPLES   the example daemons                             ON
 #   L2VFIB_SANITIZE   AddressSanitizer + UndefinedBehaviorSanitizer   OFF
 #   L2VFIB_FUZZ       libFuzzer targets (needs clang)                 OFF
+#   L2VFIB_BENCH      benchmarks (Google Benchmark, libmnl); never
+#                     in cross builds                                 OFF
 #   L2VFIB_GTEST_SOURCE  build GoogleTest from this source tree
 #                        instead of the installed one (cross builds)  ""
 option(L2VFIB_TESTS "Build the tests" ON)
 option(L2VFIB_EXAMPLES "Build the examples" ON)
 option(L2VFIB_SANITIZE "Build everything with ASan and UBSan" OFF)
 option(L2VFIB_FUZZ "Build the libFuzzer targets (clang)" OFF)
+option(L2VFIB_BENCH "Build the benchmarks" OFF)
+if(CMAKE_CROSSCOMPILING)
+  set(L2VFIB_BENCH OFF)
+endif()
 set(L2VFIB_GTEST_SOURCE "" CACHE PATH "GoogleTest source tree to build from")
 
 if(L2VFIB_SANITIZE)

@@ -95,7 +95,7 @@ uint32_t IF_IsNodeUp(uint32_t) { return 1; }
 uint32_t LIP_GetLocalLip(uint32_t) { return 0x0a000001; }
 
 uint32_t TUNNEL_GetMode(uint32_t, uint32_t *mode) {
-    *mode = 1;
+    *mode = 24;
     return 0;
 }
 

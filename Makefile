@@ -1,7 +1,8 @@
 # Front door over CMake. Every target installs what it is missing first.
 #
 #   make test         build and run every test, then again under ASan+UBSan
-#   make test-cross   unit tests cross-built for armhf and s390x, run under qemu
+#   make test-cross   unit tests cross-built for armhf and s390x, run under qemu,
+#                     then the footprint check (armhf release text <= 24 KiB)
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
 #   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
 #   make bench        benchmarks: wall time, then the instruction table
@@ -55,6 +56,14 @@ test-cross: deps-cross
 	  $(CMAKE) --build build-$$arch -j$(JOBS); \
 	  (cd build-$$arch && $(CTEST) --output-on-failure -j$(JOBS)); \
 	done
+	$(MAKE) --no-print-directory footprint
+
+# The library as the device loads it: armhf, release, every function in.
+footprint: deps-cross
+	$(CMAKE) -S . -B build-armhf-release -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-armhf-release -j$(JOBS) --target l2vfib_shared
+	sh scripts/check-footprint.sh build-armhf-release/libl2vfib.so 24576 arm-linux-gnueabihf-size
 
 fuzz: deps-fuzz
 	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DL2VFIB_FUZZ=ON -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF \
@@ -70,4 +79,4 @@ bench: deps-bench
 	sh bench/callgrind.sh build-bench/bench
 
 clean:
-	rm -rf build build-asan build-fuzz build-bench $(foreach a,$(CROSS_ARCHES),build-$(a))
+	rm -rf build build-asan build-fuzz build-bench build-armhf-release $(foreach a,$(CROSS_ARCHES),build-$(a))

@@ -71,6 +71,12 @@ fuzz: deps-fuzz
 	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_acdata
 	$(CMAKE) --build build-fuzz --target fuzz-run
 
+# Each fuzzer for FUZZ_RUNS executions (10^8 by default: hours, not for CI).
+fuzz-long: deps-fuzz
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DL2VFIB_FUZZ=ON -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_acdata
+	FUZZ_RUNS=$(FUZZ_RUNS) sh fuzz/run.sh build-fuzz/fuzz 0 reply notice frames event acdata
+
 bench: deps-bench
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DL2VFIB_BENCH=ON \
 	  -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF

@@ -1,13 +1,14 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event and fuzz_acdata (a few
+# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_acdata and
+# fuzz_frames (a few
 # hand-made messages each) into corpus/. Run again after changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice event acdata
-mkdir -p reply notice event acdata
+rm -rf reply notice event acdata frames
+mkdir -p reply notice event acdata frames
 
 seed() { printf "$2" > "$1"; }
 # The same from hex bytes: hexseed FILE "00 0a ..."
@@ -58,3 +59,7 @@ hexseed acdata/count-short "00 00 00 0f 00 00 00 00 00 00 00 00 00 00 00 07 00 0
   00 01 00 03 00 00 00"
 hexseed acdata/too-many "00 00 00 14 00 00 00 00 00 00 00 00 00 00 00 0c 00 00 00 00
   00 01 00 04 00 00 00 ff 00 02 00 00"
+
+# Frames: fuzz_frames reads its input as choices, not as a message; the
+# messages above give it varied choices to start from.
+for f in reply/* notice/*; do cp "$f" "frames/${f%%/*}-${f##*/}"; done

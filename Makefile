@@ -1,19 +1,26 @@
 # Front door over CMake. Every target installs what it is missing first.
 #
 #   make test         build and run every test, then again under ASan+UBSan
-#   make test-cross   unit tests cross-built for armhf and s390x, run under qemu
+#   make test-cross   unit tests cross-built for armhf and s390x, run under qemu,
+#                     then the footprint check (armhf release text <= 24 KiB)
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
+#   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
+#   make bench        benchmarks: wall time, then the instruction table
 #   make build        just build (build/)
 #   make clean
 
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
+# The fuzz targets, fuzz/fuzz_NAME.cpp.
+FUZZERS := reply notice frames event acdata decode
+FUZZ_RUNS ?= 100000000
 CMAKE ?= cmake
 CTEST ?= ctest
 CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
 .PHONY: all build test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
+.PHONY: bench deps-bench fuzz-long footprint
 
 all: build
 
@@ -25,6 +32,9 @@ deps-cross:
 
 deps-fuzz:
 	@sh scripts/install-deps.sh base fuzz
+
+deps-bench:
+	@sh scripts/install-deps.sh base bench
 
 build: deps
 	$(CMAKE) -S . -B build
@@ -48,12 +58,33 @@ test-cross: deps-cross
 	  $(CMAKE) --build build-$$arch -j$(JOBS); \
 	  (cd build-$$arch && $(CTEST) --output-on-failure -j$(JOBS)); \
 	done
+	$(MAKE) --no-print-directory footprint
+
+# The library as the device loads it: armhf, release, every function in.
+footprint: deps-cross
+	$(CMAKE) -S . -B build-armhf-release -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-armhf-release -j$(JOBS) --target l2vfib_shared
+	sh scripts/check-footprint.sh build-armhf-release/libl2vfib.so 24576 arm-linux-gnueabihf-size
 
 fuzz: deps-fuzz
 	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DL2VFIB_FUZZ=ON -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF \
 	  -DL2VFIB_FUZZ_SECONDS=$(FUZZ_SECONDS)
-	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_acdata fuzz_decode
+	$(CMAKE) --build build-fuzz -j$(JOBS) --target $(addprefix fuzz_,$(FUZZERS))
 	$(CMAKE) --build build-fuzz --target fuzz-run
 
+# Each fuzzer for FUZZ_RUNS executions (10^8 by default: hours, not for CI).
+fuzz-long: deps-fuzz
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DL2VFIB_FUZZ=ON -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-fuzz -j$(JOBS) --target $(addprefix fuzz_,$(FUZZERS))
+	FUZZ_RUNS=$(FUZZ_RUNS) sh fuzz/run.sh build-fuzz/fuzz 0 $(FUZZERS)
+
+bench: deps-bench
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DL2VFIB_BENCH=ON \
+	  -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF
+	$(CMAKE) --build build-bench -j$(JOBS) --target l2vfib_bench
+	build-bench/bench/l2vfib_bench --benchmark_min_time=0.05
+	sh bench/callgrind.sh build-bench/bench
+
 clean:
-	rm -rf build build-asan build-fuzz $(foreach a,$(CROSS_ARCHES),build-$(a))
+	rm -rf build build-asan build-fuzz build-bench build-armhf-release $(foreach a,$(CROSS_ARCHES),build-$(a))

@@ -6,6 +6,8 @@
 #                     (OFF when cross-compiling)
 #   L2VFIB_SANITIZE   AddressSanitizer + UndefinedBehaviorSanitizer   OFF
 #   L2VFIB_FUZZ       libFuzzer targets (needs clang)                 OFF
+#   L2VFIB_BENCH      benchmarks (Google Benchmark, libmnl); never
+#                     in cross builds                                 OFF
 #   L2VFIB_GTEST_SOURCE  build GoogleTest from this source tree
 #                        instead of the installed one (cross builds)  ""
 option(L2VFIB_TESTS "Build the tests" ON)
@@ -17,6 +19,10 @@ else()
 endif()
 option(L2VFIB_SANITIZE "Build everything with ASan and UBSan" OFF)
 option(L2VFIB_FUZZ "Build the libFuzzer targets (clang)" OFF)
+option(L2VFIB_BENCH "Build the benchmarks" OFF)
+if(CMAKE_CROSSCOMPILING)
+  set(L2VFIB_BENCH OFF)
+endif()
 set(L2VFIB_GTEST_SOURCE "" CACHE PATH "GoogleTest source tree to build from")
 
 if(L2VFIB_SANITIZE)

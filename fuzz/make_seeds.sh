@@ -1,14 +1,14 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_acdata
-# and fuzz_decode (a few hand-made messages each) into corpus/. Run again after
-# changing a seed.
+# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_acdata,
+# fuzz_decode and fuzz_frames (a few hand-made messages each) into corpus/.
+# Run again after changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice event acdata decode
-mkdir -p reply notice event acdata decode
+rm -rf reply notice event acdata decode frames
+mkdir -p reply notice event acdata decode frames
 
 seed() { printf "$2" > "$1"; }
 # The same from hex bytes, in one argument or many: hexseed FILE "00 0a ..."
@@ -81,3 +81,7 @@ hexseed decode/event 03 00 14 00 1f 01 02 05 00 00 03 00 06 00 00 00 01 00 02 00
 hexseed decode/mac-reset 0a 00 0a 00 08 00 00 01 08 00 22 00 04 00 00 01 02
 hexseed decode/caps 05 00 00 00 00 00 00 00 00 04 02 05 06 00 00 00 00 00 00 00 00 00 00 00 00 \
     00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 03
+
+# Frames: fuzz_frames reads its input as choices, not as a message; the
+# messages above give it varied choices to start from.
+for f in reply/* notice/*; do cp "$f" "frames/${f%%/*}-${f##*/}"; done

@@ -6,12 +6,14 @@
 # BUILD_FUZZ_DIR is the build tree's fuzz/ folder (where fuzz_reply lies).
 # New inputs go to BUILD_FUZZ_DIR/run/<name>/corpus, crashes to
 # BUILD_FUZZ_DIR/run/<name>/; the seeds in fuzz/corpus/<name> are only read.
-# Stops at the first fuzzer that fails.
+# With FUZZ_RUNS set in the environment, each fuzzer stops after that many
+# executions instead (SECONDS 0: no time limit). Stops at the first fuzzer
+# that fails.
 set -eu
 bin=${1:?usage: run.sh BUILD_FUZZ_DIR [SECONDS] [FUZZER...]}
 seconds=${2:-20}
 [ $# -ge 2 ] && shift 2 || shift $#
-fuzzers=${*:-reply notice frames event decode}
+fuzzers=${*:-reply notice frames event acdata decode}
 src=$(cd "$(dirname "$0")" && pwd)
 
 for name in $fuzzers; do
@@ -20,8 +22,9 @@ for name in $fuzzers; do
     mkdir -p "$work/corpus"
     seeds=$src/corpus/$name
     [ -d "$seeds" ] || seeds=
-    echo "== fuzz_$name, ${seconds} s"
+    echo "== fuzz_$name, ${FUZZ_RUNS:+$FUZZ_RUNS runs, }${seconds} s"
     # shellcheck disable=SC2086
-    "$bin/fuzz_$name" -max_total_time="$seconds" -timeout=10 -max_len=4096 \
+    "$bin/fuzz_$name" -max_total_time="$seconds" ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} \
+        -timeout=10 -max_len=4096 \
         -print_final_stats=1 -artifact_prefix="$work/" "$work/corpus" $seeds
 done

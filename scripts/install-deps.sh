@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages a build needs, only those that are missing.
-# Usage: install-deps.sh GROUP...   (groups: base cross fuzz)
+# Usage: install-deps.sh GROUP...   (groups: base cross fuzz bench)
 set -eu
 packages=""
 for group in "$@"; do
@@ -8,6 +8,7 @@ for group in "$@"; do
     base) packages="$packages cmake make g++ gcc pkg-config binutils libgtest-dev libgmock-dev googletest libcli11-dev nlohmann-json3-dev libfmt-dev libpcap-dev" ;;
     cross) packages="$packages g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user googletest" ;;
     fuzz) packages="$packages clang libclang-rt-dev" ;;
+    bench) packages="$packages libbenchmark-dev libmnl-dev valgrind" ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
     esac
 done

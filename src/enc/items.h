@@ -1,4 +1,4 @@
-// What the record encoders share: an item value staged in a zeroed area
+// What the record encoders share: an item value staged in a local area, zeroed over its length
 // (big-endian fields, copied bytes, address blocks, an all-ones tail), and
 // a writer that puts items one behind the other within the room given.
 //
@@ -35,7 +35,11 @@ constexpr uint32_t kAddrSize = 20;
 
 // One item value of length bytes; every byte no field fills goes as 0.
 struct Value {
-    explicit Value(uint32_t n) : length(n) {}
+    // Only the value's own bytes are zeroed: the rest of the area is never
+    // sent.
+    explicit Value(uint32_t n) : length(n) {
+        std::memset(bytes, 0, n < kValueArea ? n : kValueArea);
+    }
     Value &Byte(uint32_t at, uint8_t v) { bytes[at] = v; return *this; }
     Value &Be16(uint32_t at, uint16_t v) { PutBe16(bytes + at, v); return *this; }
     Value &Be32(uint32_t at, uint32_t v) { PutBe32(bytes + at, v); return *this; }
@@ -60,7 +64,7 @@ struct Value {
     }
 
     uint32_t length;
-    uint8_t bytes[kValueArea] = {};
+    uint8_t bytes[kValueArea];
 };
 
 // Writes items from out within room bytes, each with the room that is left.

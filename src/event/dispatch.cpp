@@ -125,7 +125,10 @@ extern "C" {
 //   L2VFIB_OK           known items but no callback installed;
 //   otherwise what the callback returned for the last known item.
 L2VFIB_API uint32_t L2VFIB_HandleEvtMsg(int32_t socket) {
-    uint8_t msg[L2VFIB_BATCH_SIZE] = {};
+    // Only the header is zeroed: a datagram shorter than 8 bytes reads as one
+    // padded with zeros; nothing else past the bytes received is read.
+    uint8_t msg[L2VFIB_BATCH_SIZE];
+    std::memset(msg, 0, l2vfib::kHeadSize);
     const ssize_t received = SKT_Recv(socket, msg, sizeof msg, MSG_DONTWAIT);
     if (received <= 0) return L2VFIB_ERR_NO_DATA;
     const L2VFIB_MsgHead head = l2vfib::ReadMsgHead(msg);

@@ -22,14 +22,6 @@ extern "C" void l2vfib_FillMsgHead(uint32_t objType, uint32_t payloadLen, uint32
 
 namespace l2vfib {
 
-void WriteMsgHead(const L2VFIB_MsgHead &head, uint8_t *out) {
-    PutBe16(out, head.objType);
-    PutBe16(out + 2, head.payloadLen);
-    PutBe16(out + 4, head.tag);
-    out[6] = head.opcode;
-    out[7] = head.byte7;
-}
-
 L2VFIB_MsgHead ReadMsgHead(const uint8_t *in) {
     L2VFIB_MsgHead head{};
     head.objType = GetBe16(in);

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "msg/wire.h"
+
 extern "C" {
 
 typedef struct L2VFIB_MsgHead {
@@ -25,8 +27,14 @@ namespace l2vfib {
 constexpr uint16_t kHeadSize = 8;
 
 // Writes head at out: the three 16-bit fields big-endian at 0, 2 and 4,
-// opcode and byte7 at 6 and 7.
-void WriteMsgHead(const L2VFIB_MsgHead &head, uint8_t *out);
+// opcode and byte7 at 6 and 7. Inline: every message passes here.
+inline void WriteMsgHead(const L2VFIB_MsgHead &head, uint8_t *out) {
+    PutBe16(out, head.objType);
+    PutBe16(out + 2, head.payloadLen);
+    PutBe16(out + 4, head.tag);
+    out[6] = head.opcode;
+    out[7] = head.byte7;
+}
 
 // Reads the header at in into host order.
 L2VFIB_MsgHead ReadMsgHead(const uint8_t *in);

@@ -111,7 +111,8 @@ L2VFIB_API int32_t L2VFIB_AllocECID(L2VFIB_CmdId cmd, const void *arg1, const vo
 L2VFIB_API uint32_t L2VFIB_HandleMsg(int32_t socket) {
     const L2VFIB_BatchBuf *batch = l2vfib_Batch;
     if (batch == nullptr) return L2VFIB_ERR_NOT_OPEN;
-    uint8_t msg[L2VFIB_BATCH_SIZE] = {};
+    // Not zeroed: nothing past the bytes received is read.
+    uint8_t msg[L2VFIB_BATCH_SIZE];
     const ssize_t received = SKT_Recv(socket, msg, sizeof msg, MSG_WAITALL);
     if (received <= 8) return L2VFIB_ERR_FAIL;
     if (received <= 11) return L2VFIB_ERR_BAD_MSG;

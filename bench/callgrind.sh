@@ -1,0 +1,51 @@
+#!/bin/sh
+# Counts the instructions of every benchmark case under callgrind and prints
+# one table: instructions per message for the library, libmnl and the copy
+# limit, their ratios, and the sends per message of the library against the
+# limit's.
+#
+#   sh bench/callgrind.sh BUILD_BENCH_DIR [CALLS]
+#
+# BUILD_BENCH_DIR is the build tree's bench/ folder (where l2vfib_bench
+# lies). Each case runs CALLS calls (default 2000; a case that yields several
+# messages a call runs CALLS / messages calls), counted inside bench_loop
+# alone, so start-up and capture cost nothing.
+set -eu
+bin=${1:?usage: callgrind.sh BUILD_BENCH_DIR [CALLS]}/l2vfib_bench
+calls=${2:-2000}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# Instructions counted inside bench_loop, and what the loop printed.
+count() {
+    out=$(valgrind --tool=callgrind --callgrind-out-file="$work/cg" \
+        --collect-atstart=no --toggle-collect=bench_loop "$bin" --loop "$1" "$2" "$3" 2>/dev/null)
+    ir=$(sed -n 's/^totals: \([0-9]*\).*/\1/p' "$work/cg")
+    echo "$ir $out"
+}
+
+for name in $("$bin" --cases); do
+    # Messages one call yields, from a short run of the copy limit.
+    set -- $("$bin" --loop "$name" limit 1)
+    per=$1
+    n=$((calls / per))
+    [ "$n" -ge 10 ] || n=10
+    echo "$name $per $n $(count "$name" l2vfib $n) $(count "$name" libmnl $n) $(count "$name" limit $n)"
+done > "$work/rows"
+
+awk '
+function r(a, b) { return b > 0 ? sprintf("%.2f", a / b) : "-" }
+function s(x) { return x > 0 ? sprintf("%.4f", x) : "-" }
+BEGIN {
+    printf "%-18s %5s %9s %9s %9s %8s %8s %9s %9s\n", "case", "msg/c", "l2vfib", "libmnl",
+        "limit", "/libmnl", "/limit", "sends/msg", "limit"
+    printf "%-18s %5s %9s %9s %9s %8s %8s %9s %9s\n", "", "", "instr/msg", "instr/msg",
+        "instr/msg", "", "", "l2vfib", "sends/msg"
+}
+{
+    # name per calls | ir msgs sends (l2vfib) | ir msgs sends (libmnl) | ir msgs sends (limit)
+    m = $2 * $3
+    lib = $4 / m; mnl = $7 / m; lim = $10 / m
+    printf "%-18s %5d %9.1f %9.1f %9.1f %8s %8s %9s %9s\n", $1, $2, lib, mnl, lim,
+        r(lib, mnl), r(lib, lim), s($6 / m), s($12 / m)
+}' "$work/rows"

@@ -1,0 +1,56 @@
+// The measured calls, and the two baselines each is held against.
+//
+// A case is one call of the library (Lib) that yields one or more messages.
+// Its messages' bytes are captured once; then
+//   Limit  copies those bytes into a 1400-byte area, sending when the next
+//          message does not fit: the least any batching can cost;
+//   Mnl    builds netlink messages with the same attributes (types, value
+//          lengths and bytes) into a 1400-byte mnl_nlmsg_batch, or, for the
+//          receiving cases, copies the datagram in and walks its attributes.
+#ifndef L2VFIB_BENCH_CASES_H
+#define L2VFIB_BENCH_CASES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace bench {
+
+enum class Impl { kLib, kMnl, kLimit };
+
+enum class Kind {
+    kBatched,  // queues messages in the batch; sends are counted
+    kEncoder,  // writes a block into the caller's buffer
+    kReceive,  // reads and handles one datagram
+};
+
+struct Case {
+    const char *name;
+    Kind kind;
+    uint32_t (*call)();  // one call of the library: L2VFIB_OK when it did its work
+};
+
+const std::vector<Case> &Cases();
+const Case *FindCase(const char *name);
+const char *ImplName(Impl impl);
+
+// What a run of calls did.
+struct Run {
+    uint64_t messages;
+    uint64_t sends;
+};
+
+// How many messages one call of the case yields.
+uint64_t MessagesPerCall(const Case &c);
+
+// Opens the library and prepares every case's captured messages; call once.
+void Prepare();
+
+// Runs calls calls of one case with one implementation, then flushes what
+// is left. Kept out of line under this C name so that callgrind can count
+// the instructions inside it alone.
+extern "C" Run bench_loop(const Case *c, Impl impl, uint64_t calls);
+
+}  // namespace bench
+
+#endif

@@ -8,7 +8,11 @@
 
 #include <fmt/format.h>
 
+#include <sys/un.h>
+
 #include <algorithm>
+#include <array>
+#include <cstddef>
 
 #include "control_proto.h"
 #include "wire.h"
@@ -94,19 +98,11 @@ uint16_t KeyItemOf(Kind kind) {
         case Kind::kPw: return 10;
         case Kind::kMinM: return 40;
         case Kind::kAc: return 20;
-        case Kind::kOverlayTunnel:
-        case Kind::kTunnelSwitch: return 70;
+        case Kind::kOverlayTunnel: return 70;
         default: return 0;
     }
 }
 
-std::string OpText(uint8_t opcode) {
-    switch (opcode) {
-        case kAdd: return "add";
-        case kDelete: return "del";
-        default: return fmt::format("op {}", opcode);
-    }
-}
 
 }  // namespace
 
@@ -132,7 +128,7 @@ Device::Device(std::function<void(const std::string &)> log) : log_(std::move(lo
 
 void Device::Log(const std::string &line) {
     if (log_) log_(line);
-    log_tail_.Append(Row{"", Json{{"line", line}}});
+    log_tail_.Append(Row{"", Json{{"text", line}}});
     while (log_tail_.Size() > kLogTail) {
         auto first = log_tail_.Rows().begin()->first;
         log_tail_.Erase(first);
@@ -241,8 +237,7 @@ void Device::ApplyEntry(Table &table, const Message &message, std::vector<uint64
         return;
     }
     Row row{keyText};
-    if (message.kind == Kind::kOverlayTunnel || message.kind == Kind::kTunnelSwitch)
-        row.fields["objtype"] = message.objType;
+    if (message.kind == Kind::kOverlayTunnel) row.fields["objtype"] = message.objType;
     row.fields["byte7"] = message.byte7;
     if (message.opcode != kAdd) {
         row.fields["op"] = message.opcode;
@@ -297,8 +292,7 @@ void Device::Apply(const Message &message) {
     switch (message.kind) {
         case Kind::kPw:
         case Kind::kMinM:
-        case Kind::kOverlayTunnel:
-        case Kind::kTunnelSwitch: {
+        case Kind::kOverlayTunnel: {
             Table &table = message.kind == Kind::kPw     ? pw_
                            : message.kind == Kind::kMinM ? minm_
                                                          : tunnel_;

@@ -50,7 +50,9 @@ std::string Table::Text() const {
     for (const auto &[key, row] : rows_) {
         std::string line = row.key;
         line.resize(width, ' ');
-        for (const auto &[name, value] : row.fields.items()) line += "  " + name + " " + FieldText(value);
+        // A field named "text" (log lines) prints as its value alone.
+        for (const auto &[name, value] : row.fields.items())
+            line += "  " + (name == "text" ? FieldText(value) : name + " " + FieldText(value));
         while (!line.empty() && line.back() == ' ') line.pop_back();
         out += line + "\n";
     }

@@ -44,17 +44,28 @@ std::string FieldText(const Json &value) {
 }
 
 std::string Table::Text() const {
-    size_t width = 0;
-    for (const auto &[key, row] : rows_) width = std::max(width, row.key.size());
-    std::string out;
+    // Cells: the key, then "name value" per field ("text" fields print as
+    // their value alone). Every cell but a row's last is padded to the
+    // widest of its column.
+    std::vector<std::vector<std::string>> lines;
+    std::vector<size_t> widths;
     for (const auto &[key, row] : rows_) {
-        std::string line = row.key;
-        line.resize(width, ' ');
-        // A field named "text" (log lines) prints as its value alone.
+        std::vector<std::string> cells{row.key};
         for (const auto &[name, value] : row.fields.items())
-            line += "  " + (name == "text" ? FieldText(value) : name + " " + FieldText(value));
-        while (!line.empty() && line.back() == ' ') line.pop_back();
-        out += line + "\n";
+            cells.push_back(name == "text" ? FieldText(value) : name + " " + FieldText(value));
+        for (size_t i = 0; i < cells.size(); ++i) {
+            if (widths.size() <= i) widths.push_back(0);
+            widths[i] = std::max(widths[i], cells[i].size());
+        }
+        lines.push_back(std::move(cells));
+    }
+    std::string out;
+    for (auto &cells : lines) {
+        for (size_t i = 0; i < cells.size(); ++i) {
+            out += cells[i];
+            if (i + 1 < cells.size()) out += std::string(widths[i] - cells[i].size() + 2, ' ');
+        }
+        out += "\n";
     }
     return out;
 }

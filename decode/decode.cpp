@@ -345,7 +345,6 @@ Error UnknownOpcode(const Message &m) {
 
 Error Catalogue(Message &m) {
     m.kind = Kind::kCatalogue;
-    m.name = fmt::format("cfg type {} op {}", m.objType, m.opcode);
     bool typeKnown = false, opKnown = false;
     for (size_t code = 0; code < kCatalogue.size(); ++code) {
         const CatalogueRow &row = kCatalogue[code];
@@ -362,6 +361,7 @@ Error Catalogue(Message &m) {
                      fmt::format("unknown object type {} at offset {}", m.objType, m.offset));
     }
     if (!opKnown) return UnknownOpcode(m);
+    m.name = fmt::format("cfg type {} op {}", m.objType, m.opcode);
     if (m.codes.empty()) {
         if (m.items.empty()) {
             return Fault(Errc::kMissingItem, m.offset + m.size,
@@ -379,18 +379,18 @@ Error Catalogue(Message &m) {
     m.name = "cfg " + codes;
     if (Error e = HeadValue(m, "byte7", 7, m.byte7, CatalogueByte7(m.codes[0]))) return e;
     const ShapeDef &shape = ShapeOf(kCatalogue[m.codes[0]].shape);
-    if (Error e = MatchSlots(m, shape.slots, Family::kEntry)) return e;
+    Error e = MatchSlots(m, shape.slots, Family::kEntry);
     TakeKey(m, shape.keyType);
-    return {};
+    return e;
 }
 
 // A direct message: kind, name, slots and key item.
 Error Direct(Message &m, Kind kind, std::string name, const std::vector<Slot> &slots, uint16_t keyType) {
     m.kind = kind;
     m.name = std::move(name);
-    if (Error e = MatchSlots(m, slots, Family::kEntry)) return e;
+    Error e = MatchSlots(m, slots, Family::kEntry);
     TakeKey(m, keyType);
-    return {};
+    return e;
 }
 
 Error ToService(Message &m) {
@@ -422,22 +422,26 @@ Error ToService(Message &m) {
         case 6:
             if (m.opcode == 23) return Catalogue(m);
             if (m.opcode != 5 && m.opcode != 7) return UnknownOpcode(m);
+            m.kind = Kind::kAc;
             m.name = m.opcode == 5 ? "ac add" : "ac del";
             if (Error e = HeadValue(m, "byte7", 7, m.byte7, 0)) return e;
             if (m.opcode == 5) return Direct(m, Kind::kAc, m.name, {{20}, {22}, {144, 0}}, 20);
             return Direct(m, Kind::kAc, m.name, {{20}}, 20);
         case 7:
             if (m.opcode != 3 && m.opcode != 4) return UnknownOpcode(m);
+            m.kind = Kind::kGrEvent;
             m.name = fmt::format("gr-event {}", m.opcode);
             if (Error e = HeadValue(m, "byte7", 7, m.byte7, 8)) return e;
             return Direct(m, Kind::kGrEvent, m.name, {}, 0);
         case 9:
             if (m.opcode != 0) return UnknownOpcode(m);
+            m.kind = Kind::kMacWithdraw;
             m.name = "mac-withdraw";
             if (Error e = HeadValue(m, "byte7", 7, m.byte7, 8)) return e;
             return Direct(m, Kind::kMacWithdraw, m.name, {{10}}, 10);
         case 10:
             if (m.opcode != 1) return UnknownOpcode(m);
+            m.kind = Kind::kMacReset;
             m.name = "mac-reset";
             if (Error e = HeadValue(m, "byte7", 7, m.byte7, 8)) return e;
             return Direct(m, Kind::kMacReset, m.name, {{34}}, 0);
@@ -468,11 +472,13 @@ Error ToService(Message &m) {
             if (m.objType == 14 && m.opcode == 23) return Catalogue(m);
             const bool is18 = m.objType == 18;
             if (m.opcode == 10) {
+                m.kind = Kind::kTunnelIfDel;
                 m.name = "tunnel-if del";
                 if (Error e = HeadValue(m, "byte7", 7, m.byte7, is18 ? 7 : 5)) return e;
                 return Direct(m, Kind::kTunnelIfDel, m.name, {{72}}, 72);
             }
             if (m.opcode != 5 && m.opcode != 7) return UnknownOpcode(m);
+            m.kind = Kind::kOverlayTunnel;
             m.name = m.opcode == 5 ? "tunnel add" : "tunnel del";
             // Byte 7 chooses the object type: 7 is type 18, any other 14.
             if ((m.byte7 == 7) != is18) {
@@ -595,7 +601,7 @@ Error FromService(Message &m) {
     }
     const uint16_t first = m.items[0].type;
     m.kind = first == 36 ? Kind::kNotice : Kind::kReply;
-    m.name = first == 36 ? "notice" : first == 184 ? "reply id" : "reply result";
+    m.name = first == 36 ? "notice" : first == 37 ? "reply result" : first == 184 ? "reply id" : "reply";
     return MatchSlots(m, {{first}}, Family::kReply);
 }
 

@@ -29,7 +29,8 @@ std::string Fields(const std::vector<Field> &fields) {
 
 // Kinds whose header byte 7 the daemon chooses.
 bool ShowsByte7(Kind kind) {
-    return kind == Kind::kPw || kind == Kind::kMinM || kind == Kind::kOverlayTunnel || kind == Kind::kEbgMember ||
+    return kind == Kind::kPw || kind == Kind::kMinM || kind == Kind::kOverlayTunnel || kind == Kind::kTunnelIfDel ||
+           kind == Kind::kEbgMember ||
            kind == Kind::kMplsEbgMember || kind == Kind::kEbgDf;
 }
 
@@ -72,7 +73,8 @@ std::string Render(const Message &m) {
             keyShown = true;
             continue;
         }
-        line += fmt::format(" | {}", item.type);
+        // A control call's input is one record, not an item.
+        if (m.kind != Kind::kControl) line += fmt::format(" | {}", item.type);
         if (!item.fields.empty()) line += " " + Fields(item.fields);
         else if (!item.value.empty()) line += " " + Hex(item.value, "");
     }

@@ -1,13 +1,13 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply and fuzz_notice (a few hand-made
-# messages each) into corpus/. Run again after changing a seed.
+# Writes the seed corpora of fuzz_reply, fuzz_notice and fuzz_decode (a few
+# hand-made messages each) into corpus/. Run again after changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice
-mkdir -p reply notice
+rm -rf reply notice decode
+mkdir -p reply notice decode
 
 seed() { printf "$2" > "$1"; }
 
@@ -31,3 +31,28 @@ seed notice/eight-bytes       '\000\000\000\000\000\000\000\000'
 seed notice/length-overrun    '\000\000\000\011\000\000\000\000\000\044\000\004\000\000\000\007'
 seed notice/item-overrun      '\000\000\000\010\000\000\000\000\000\044\000\005\000\000\000\007'
 seed notice/short-value       '\000\000\000\006\000\000\000\000\000\044\000\002\000\007'
+
+# Decoder: a direction byte (0 to the service, 1 from it, 2 to the event
+# service, 3 from it; 4 a control input, 5 a control answer, the code
+# chosen by byte / 6), then the datagram, written in hex.
+hexseed() {
+    name=$1
+    shift
+    for b in "$@"; do printf "\\$(printf %03o "0x$b")"; done > "$name"
+}
+hexseed decode/pw-add 00 00 03 00 2c 00 00 05 03 00 0a 00 08 00 00 00 07 00 01 00 00 \
+    00 0d 00 1c 01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 09 00 00 00 0a 00 0b 00 0c 00 0d 0e 00
+hexseed decode/two-messages 00 00 03 00 0c 00 00 07 03 00 0a 00 08 00 00 00 07 00 01 00 00 \
+    00 20 00 10 00 00 05 08 00 9a 00 04 00 00 00 2a 00 9c 00 04 00 00 00 01
+hexseed decode/catalogue 00 00 01 00 08 00 00 01 08 00 64 00 04 00 00 00 07
+hexseed decode/ac-flag 00 00 10 00 04 00 03 11 00 00 00 00 00 00 0d 00 00
+hexseed decode/ac-data-answer 01 00 11 00 24 00 20 12 00 00 00 00 00 00 11 00 1c 00 00 12 00 \
+    00 01 00 04 00 00 00 01 00 14 00 10 00 00 00 01 00 02 03 04 00 05 00 06 00 00 00 07
+hexseed decode/reply 01 00 01 00 08 00 00 01 08 00 25 00 04 00 00 00 00
+hexseed decode/event-reg 02 00 14 00 20 00 00 05 00 00 01 00 10 ff ff ff ff 00 00 00 00 00 00 00 00 \
+    10 10 00 03 00 04 00 08 00 00 00 09 10 10 00 03
+hexseed decode/event 03 00 14 00 1f 01 02 05 00 00 03 00 06 00 00 00 01 00 02 00 09 00 01 ab \
+    00 02 00 0c 00 00 00 05 00 00 00 06 5d 00 00 07
+hexseed decode/mac-reset 0a 00 0a 00 08 00 00 01 08 00 22 00 04 00 00 01 02
+hexseed decode/caps 05 00 00 00 00 00 00 00 00 04 02 05 06 00 00 00 00 00 00 00 00 00 00 00 00 \
+    00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 03

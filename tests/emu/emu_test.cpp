@@ -1,6 +1,9 @@
 // The emulated device on its own: hand-written datagrams in, tables,
 // answers and log lines out.
 #include "emu_fixture.h"
+#include "l2vfib_decode.h"
+
+namespace decode = l2vfib::decode;
 
 namespace emut {
 namespace {
@@ -127,6 +130,32 @@ TEST_F(EmuTest, LogsBadDatagramsAndKeepsItsTables) {
     EXPECT_EQ(Rows("pw").size(), 0u);
     SendRaw(Hex(kPwAdd));
     EXPECT_EQ(Rows("pw").size(), 1u);
+}
+
+TEST_F(EmuTest, KeepsEventChannelsAndSendsThemEvents) {
+    // Channel word 5 in the host's order (a little-endian host here).
+    SendRaw(Hex("00 14 00 08 00 00 05 00 | 00 00 00 04 05 00 00 00"), true);
+    SendRaw(Hex("00 14 00 20 00 00 05 00 | 00 01 00 10 00 00 00 01 00 00 00 00 00 00 00 00 10 10 00 03"
+                " | 00 04 00 08 00 00 00 09 10 10 00 03"),
+            true);
+    EXPECT_EQ(Rows("channel")[0]["word"], 5);
+    const Json reg = Rows("reg");
+    ASSERT_EQ(reg.size(), 1u);
+    EXPECT_EQ(reg[0]["selector"], (std::vector<int>{1, 0, 0}));
+    EXPECT_EQ((std::vector<int>{reg[0]["mask"], reg[0]["param"], reg[0]["extra"]}),
+              (std::vector<int>{0x1010, 9, 3}));
+
+    EXPECT_EQ(Steer(Json{{"cmd", "event"}, {"type", 3}, {"tag", 7}, {"words", {1, 2, 3}}})["sent"], 1);
+    EXPECT_EQ(decode::ToHex(Answer()),
+              decode::ToHex(Hex("00 14 00 10 00 07 05 00 | 00 03 00 0c 00 00 00 01 00 00 00 02 00 03 00 00")));
+    EXPECT_EQ(Steer(Json{{"cmd", "event"}, {"type", 3}, {"mask", 0x0004}})["sent"], 0);
+
+    SendRaw(Hex("00 14 00 20 00 00 07 00 | 00 01 00 10 00 00 00 01 00 00 00 00 00 00 00 00 10 10 00 00"
+                " | 00 04 00 08 00 00 00 09 10 10 00 00"),
+            true);
+    EXPECT_EQ(Rows("reg").size(), 0u);
+    SendRaw(Hex("00 14 00 08 00 00 07 00 | 00 00 00 04 08 00 00 00"), true);
+    EXPECT_EQ(Rows("channel").size(), 0u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #   make test         build and run every test, then again under ASan+UBSan
 #   make test-cross   unit tests cross-built for armhf and s390x, run under qemu
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
+#   make demo         the example daemon against the emulated device
 #   make build        just build (build/)
 #   make clean
 
@@ -13,7 +14,7 @@ CTEST ?= ctest
 CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
-.PHONY: all build test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
+.PHONY: all build demo test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
 
 all: build
 
@@ -29,6 +30,9 @@ deps-fuzz:
 build: deps
 	$(CMAKE) -S . -B build
 	$(CMAKE) --build build -j$(JOBS)
+
+demo: build
+	@sh scripts/demo.sh build
 
 test: test-plain test-asan
 

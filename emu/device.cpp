@@ -135,6 +135,11 @@ void Device::Log(const std::string &line) {
     }
 }
 
+void Device::DropClient(const Peer &peer) {
+    std::erase(clients_, peer);
+    Log(fmt::format("{} is gone", PeerText(peer)));
+}
+
 Table *Device::FindTable(const std::string &name) {
     for (Table *table : order_)
         if (table->Name() == name) return table;

@@ -73,6 +73,9 @@ class Device {
     Json Steer(const Json &request, std::vector<Outgoing> *toClients,
                std::vector<Outgoing> *toChannels);
 
+    // A client whose socket is gone: no more notices to it.
+    void DropClient(const Peer &peer);
+
     Table *FindTable(const std::string &name);
     const std::vector<Table *> &Tables() { return order_; }
     const Settings &Setup() const { return settings_; }

@@ -183,7 +183,10 @@ class Server {
             const ssize_t n = sendto(fd, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                                      reinterpret_cast<const sockaddr *>(o.to.data()),
                                      static_cast<socklen_t>(o.to.size()));
-            if (n < 0)
+            if (n >= 0) continue;
+            if (service == 0 && (errno == ECONNREFUSED || errno == ENOENT))
+                device_.DropClient(o.to);
+            else
                 std::fprintf(stderr, "%s send to %s: %s\n", Now().c_str(), PeerText(o.to).c_str(),
                              std::strerror(errno));
         }

@@ -343,6 +343,46 @@ Error UnknownOpcode(const Message &m) {
                              m.offset + 6));
 }
 
+Error Mismatch(const Message &m, const std::string &what) {
+    return Fault(Errc::kBadValue, m.offset, fmt::format("{} in {} at offset {}", what, m.name, m.offset));
+}
+
+// A variant entry: the kind in item 21 says which items follow it, and a
+// list item holds as many pairs as item 23 counts.
+Error CheckVariant(const Message &m) {
+    const Item *common = m.FindItem(21);
+    if (common == nullptr) {
+        return m.items.size() == 1 ? Error{} : Mismatch(m, fmt::format("item {} without item 21", m.items[1].type));
+    }
+    const uint64_t kind = common->Number("kind");
+    const uint16_t expected = kind == 1 ? 23 : kind == 2 || kind == 3 ? 27 : kind == 4 ? 28 : 0;
+    for (size_t i = 2; i < m.items.size(); ++i) {
+        const uint16_t type = m.items[i].type;
+        const bool fits = type == expected || (kind == 1 && type >= 24 && type <= 26);
+        if (!fits) return Mismatch(m, fmt::format("item {} with kind {}", type, kind));
+    }
+    if (expected != 0 && m.FindItem(expected) == nullptr) {
+        return Fault(Errc::kMissingItem, m.offset,
+                     fmt::format("missing item {} in {} at offset {}", expected, m.name, m.offset));
+    }
+    const Item *v1 = m.FindItem(23);
+    for (const auto &[type, count] : {std::pair<uint16_t, const char *>{25, "count0"}, {26, "count1"}}) {
+        const Item *list = m.FindItem(type);
+        if (list != nullptr && list->value.size() / 4 != v1->Number(count)) {
+            return Mismatch(m, fmt::format("item {} holds {} pairs but {} is {}", type, list->value.size() / 4, count,
+                                           v1->Number(count)));
+        }
+    }
+    return {};
+}
+
+// A range (items 121 and 122) or a list (items 123), never both.
+Error CheckRangeOrList(const Message &m) {
+    const bool low = m.FindItem(121) != nullptr, high = m.FindItem(122) != nullptr;
+    if (low != high || (low && m.FindItem(123) != nullptr)) return Mismatch(m, "a range and a list mixed");
+    return {};
+}
+
 Error Catalogue(Message &m) {
     m.kind = Kind::kCatalogue;
     bool typeKnown = false, opKnown = false;
@@ -378,10 +418,13 @@ Error Catalogue(Message &m) {
     }
     m.name = "cfg " + codes;
     if (Error e = HeadValue(m, "byte7", 7, m.byte7, CatalogueByte7(m.codes[0]))) return e;
-    const ShapeDef &shape = ShapeOf(kCatalogue[m.codes[0]].shape);
-    Error e = MatchSlots(m, shape.slots, Family::kEntry);
-    TakeKey(m, shape.keyType);
-    return e;
+    const Shape shape = kCatalogue[m.codes[0]].shape;
+    Error e = MatchSlots(m, ShapeOf(shape).slots, Family::kEntry);
+    TakeKey(m, ShapeOf(shape).keyType);
+    if (e) return e;
+    if (shape == kVariant) return CheckVariant(m);
+    if (shape == kRangeOrList) return CheckRangeOrList(m);
+    return {};
 }
 
 // A direct message: kind, name, slots and key item.

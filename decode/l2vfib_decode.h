@@ -159,14 +159,31 @@ struct Decoded {
 };
 
 // Splits the datagram into messages, checks each and decodes it. A fault
-// in one message's content (missing item, bad length, unknown type) marks
-// that message and the next one is still read; a fault in the framing (a
-// short header, a length past the datagram end) ends the split there.
+// in one message's content marks that message and the next one is still
+// read; a fault in the framing ends the split there. The first fault:
+//   kShortHeader        an empty datagram, or fewer bytes left than a header
+//   kLengthPastEnd      a payload length past the datagram (for the AC data
+//                       answer also the inner length past the outer payload)
+//   kTruncatedItem      an item header or value past its payload
+//   kUnknownObjectType  no format of this direction has the object type
+//   kUnknownOpcode      the object type has no such opcode
+//   kMissingItem        a required item is absent
+//   kUnexpectedItem     an item the format does not have, or an unknown one
+//   kBadItemLength      a value length its item type does not allow
+//   kBadValue           padding not zero, a fill not all ones, a header field
+//                       the format fixes (tag, byte 7, extWord), or items
+//                       that contradict each other
+// kOk when every byte made whole, well-formed messages.
 Decoded Decode(std::span<const uint8_t> datagram, Channel channel);
 
 // The control calls' inputs (code 0x440003 MAC reset, 0x440005 start,
 // 0x440006 stop, 0x44000c VLAN range check) and the capability answer
-// (code 0x440002, answer bytes). One message of kind kControl or kMacReset.
+// (code 0x440002 with answer set). One message of kind kControl, or the
+// MAC reset's own. Faults: kBadItemLength (start and stop take 4 bytes,
+// the capability answer at least 41), kBadValue (a stop input not zero),
+// kUnknownOpcode (any other code, or an answer to another code), and for
+// the MAC reset those of Decode, or kUnexpectedItem when the bytes are not
+// one MAC reset message.
 Decoded DecodeControl(uint32_t code, std::span<const uint8_t> bytes, bool answer = false);
 
 // One line, key first, like `ip`/`bridge` output:

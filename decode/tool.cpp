@@ -67,9 +67,48 @@ std::optional<std::pair<std::span<const uint8_t>, dec::Channel>> Udp(std::span<c
     return std::pair{ip.subspan(ihl + 8), channel};
 }
 
-// Datagrams of a capture: link types USER0 to USER15 hold the bare
-// datagram (its channel from --channel); raw IPv4, Ethernet and Linux
-// cooked captures hold UDP, whose port gives the channel.
+// One datagram of the host's control protocol: a request (24-byte head,
+// the call's input) or an answer (16-byte head, the data). The control
+// calls' inputs are decoded; the rest is shown as numbers.
+bool ShowControl(std::span<const uint8_t> d, const Options &o, const std::string &prefix) {
+    auto be32 = [&](size_t at) {
+        return static_cast<uint32_t>(d[at]) << 24 | static_cast<uint32_t>(d[at + 1]) << 16 |
+               static_cast<uint32_t>(d[at + 2]) << 8 | d[at + 3];
+    };
+    const bool answer = d.size() >= 2 && (d[1] & 0x80) != 0;
+    const size_t head = answer ? 16 : 24;
+    if (d.size() < head || be32(head - 4) != d.size() - head) {
+        std::cout << prefix << "error: malformed control datagram of " << d.size() << " bytes\n";
+        return false;
+    }
+    const unsigned op = d[1] & 0x7F;
+    if (answer) {
+        std::cout << prefix << fmt::format("control answer op {} sequence {} result {} data {}\n", op, be32(4),
+                                           be32(8), dec::ToHex(d.subspan(16)));
+        return true;
+    }
+    std::cout << prefix << fmt::format("control op {} sequence {} arg0 {} arg1 {:#x} arg2 {}\n", op, be32(4),
+                                       be32(8), be32(12), be32(16));
+    if (op != 1 && op != 2) return true;
+    Options call = o;
+    call.control = be32(12);
+    call.answer = false;
+    return Show(d.subspan(24), o.channel, call, prefix + "  ");
+}
+
+// Datagrams of a capture. The emulated device's captures (link type USER0)
+// start each record with an 8-byte pseudo-header:
+//
+//    0     1         2       4       6      8
+//   +-----+---------+-------+-------+------+---------------------
+//   | dir | service | node  | port  | 0 0  | the datagram
+//   +-----+---------+-------+-------+------+---------------------
+//   dir: 0 to the device, 1 from it; service: 0 forwarding, 1 event,
+//   2 control
+//
+// Link types USER1 to USER15 hold the bare datagram (its direction from
+// --channel); raw IPv4, Ethernet and Linux cooked captures hold UDP, whose
+// port gives the direction.
 int ReadPcap(const std::string &path, const Options &o) {
     char err[PCAP_ERRBUF_SIZE] = {};
     pcap_t *p = pcap_open_offline(path.c_str(), err);
@@ -84,7 +123,24 @@ int ReadPcap(const std::string &path, const Options &o) {
     for (size_t n = 1; pcap_next_ex(p, &head, &data) == 1; ++n) {
         std::span<const uint8_t> packet(data, head->caplen);
         const std::string prefix = fmt::format("{}: ", n);
-        if (link >= DLT_USER0 && link <= DLT_USER15) {
+        if (link == DLT_USER0) {
+            if (packet.size() < 8 || packet[0] > 1 || packet[1] > 2) {
+                std::cout << prefix << "error: capture record without its pseudo-header\n";
+                ok = false;
+                continue;
+            }
+            const bool from = packet[0] == 1;
+            const auto datagram = packet.subspan(8);
+            if (packet[1] == 2) {
+                ok = ShowControl(datagram, o, prefix + (from ? "< " : "> ")) && ok;
+                continue;
+            }
+            const dec::Channel channel = packet[1] == 0 ? (from ? dec::Channel::kFromService : dec::Channel::kToService)
+                                                        : (from ? dec::Channel::kFromEvent : dec::Channel::kToEvent);
+            ok = Show(datagram, channel, o, prefix + (from ? "< " : "> ")) && ok;
+            continue;
+        }
+        if (link > DLT_USER0 && link <= DLT_USER15) {
             ok = Show(packet, o.channel, o, prefix) && ok;
             continue;
         }

@@ -96,6 +96,18 @@ const Row kRows[] = {
     {S, "00 29 00 10 00 00 05 08 | 00 ec 00 0c 00 00 00 01 00 00 00 02 00 03 00 00", OK,
      "cfg 82/84 | 236 word0 1 word1 2 half0 3"},
     {S, "00 0e 00 0c 00 00 17 05 | 00 46 00 08 00 00 00 01 00 00 00 02", OK, "cfg 80 word0 1 word1 2"},
+    {S, "00 01 00 08 00 00 17 08 | 00 20 00 04 00 00 00 05", OK, "cfg 21 value 5"},
+    {S, "00 01 00 0c 00 00 17 08 | 00 0a 00 08 " KEY7, OK, "cfg 22 id 7 subId 1"},
+    {S, "00 06 00 0c 00 00 17 08 | 00 14 00 08 " KEY7, OK, "cfg 23 id 7 subId 1"},
+    {S, "00 01 00 80 00 00 05 08 | 00 20 00 04 00 00 00 01 | 00 21 00 74 00 00 00 01 00 00 00 02 00 00 00 03"
+        " 00 04 05 06 00 00 00 07 65 74 68 30 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
+        " 00 00 00 00 00 00 00 00 00 00 00 08 00 00 00 09 00 0a 00 00 00 00 00 0b 00 00 00 0c"
+        " 00 00 00 0d 00 00 00 0e 00 00 00 0f 00 00 00 10 00 00 00 11 00 00 00 12 00 00 00 00 00 00 00 00"
+        " 00 00 00 13 00 00 00 14 00 00 00 15",
+     OK,
+     "cfg 4 value 1 | 33 word0 1 word1 2 word2 3 half0 4 byte0 5 byte1 6 word3 7 name \"eth0\" word4 8 word5 9 "
+     "half1 10 words.0 11 words.1 12 words.2 13 words.3 14 words.4 15 words.5 16 words.6 17 words.7 18 word6 19 "
+     "word7 20 word8 21 fill 0"},
     // Replies, notices and the AC data answer.
     {FS, "00 01 00 08 00 00 01 08 | 00 25 00 04 40 01 00 01", OK, "reply result | 37 result 1073807361"},
     {FS, "00 1d 00 08 00 00 05 08 | 00 b8 00 04 00 00 12 34", OK, "reply id | 184 id 4660"},
@@ -106,6 +118,13 @@ const Row kRows[] = {
      "ac-data answer tag 32 | 1 count 2 | 20 e.0.word0 1 e.0.half0 2 e.0.byte0 3 e.0.byte1 4 e.0.half1 5 "
      "e.0.half2 6 e.0.word1 7 e.1.word0 11 e.1.half0 12 e.1.byte0 13 e.1.byte1 14 e.1.half1 15 e.1.half2 16 "
      "e.1.word1 17"},
+    {FS, "00 11 00 10 00 20 12 00 00 00 00 00 | 00 11 00 08 00 00 12 00 | 00 01 00 04 00 00 00 00", OK,
+     "ac-data answer tag 32 | 1 count 0"},
+    {FS, "00 11 00 28 00 20 12 00 00 00 00 00 | 00 11 00 20 00 00 12 00 | 00 01 00 04 00 00 00 01"
+         " | 00 14 00 14 00 00 00 01 00 02 03 04 00 05 00 06 00 00 00 07 aa bb cc dd",
+     OK,
+     "ac-data answer tag 32 | 1 count 1 | 20 e.0.word0 1 e.0.half0 2 e.0.byte0 3 e.0.byte1 4 e.0.half1 5 "
+     "e.0.half2 6 e.0.word1 7 e.0.rest aabbccdd"},
     // The event channel, both ways.
     {E, "00 14 00 20 00 00 05 00 | 00 01 00 10 ff ff ff ff 00 00 00 00 00 00 00 00 10 10 00 03"
         " | 00 04 00 08 00 00 00 09 10 10 00 03",
@@ -117,6 +136,9 @@ const Row kRows[] = {
      OK,
      "event tag 258 | 3 word0 1 word1 131072 half0 0 raw0 0000 | 9 ab | 2 word0 5 word1 6 kind 93 raw0 00 half0 7 "
      "word2 0 word3 0 word4 0 half1 0 raw1 0000 word5 0 word6 0 raw2 00000000 word7 0 word8 0"},
+    {FE, "00 14 00 10 00 07 00 00 | 00 02 00 0c 00 00 00 05 00 00 00 06 00 00 00 07", OK,
+     "event tag 7 | 2 word0 5 word1 6 kind 0 raw0 00 half0 7 word2 0 word3 0 word4 0 half1 0 raw1 0000 "
+     "word5 00000000 word6 00000000 raw2 00000000 word7 00000000 word8 00000000"},
 
     // Faults in the framing end the split; the messages before them stay.
     {S, "", Errc::kShortHeader, "error: empty datagram at offset 0"},
@@ -170,6 +192,28 @@ const Row kRows[] = {
     {S, "00 01 00 08 00 00 01 09 | 00 64 00 04 00 00 00 07", Errc::kBadValue,
      "cfg 18 | 100 00000007 ! byte7 9 in cfg 18, not 8, at offset 7"},
     {S, "00 07 00 00 00 05 03 08", Errc::kBadValue, "type 7 op 3 tag 5 ! tag 5 not 0 at offset 4"},
+    {S, "00 07 00 00 00 00 03 05", Errc::kBadValue, "gr-event 3 ! byte7 5 in gr-event 3, not 8, at offset 7"},
+    {E, "00 15 00 00 00 00 05 00", Errc::kUnknownObjectType, "type 21 op 5 ! unknown object type 21 at offset 0"},
+    {FS, "00 00 00 10 00 00 00 00 | 00 24 00 04 00 00 00 07 | 00 25 00 04 00 00 00 00", Errc::kUnexpectedItem,
+     "notice | 36 value 7 | 37 00000000 ! unexpected item 37 in notice at offset 16"},
+    {FS, "00 11 00 19 00 20 12 00 00 00 00 00 | 00 11 00 11 00 00 12 00 | 00 01 00 04 00 00 00 02"
+         " | 00 14 00 05 00 00 00 01 00",
+     Errc::kBadItemLength,
+     "ac-data answer tag 32 | 1 count 2 | 20 0000000100 ! entry item length 5 not a multiple of count 2 at offset 28"},
+    // Items that contradict each other.
+    {S, "00 04 00 28 00 00 02 08 | 00 14 00 08 " KEY7 " | 00 15 00 0c 00 00 00 01 00 02 03 02 04 00 00 00"
+        " | 00 1c 00 08 00 05 00 00 00 00 00 06",
+     Errc::kBadValue,
+     "cfg 8 id 7 subId 1 | 21 word0 1 half0 2 byte0 3 kind 2 byte1 4 fill 0 | 28 half0 5 word0 6 "
+     "! item 28 with kind 2 in cfg 8 at offset 0"},
+    {S, "00 04 00 38 00 00 01 08 | 00 14 00 08 " KEY7 " | 00 15 00 0c 00 00 00 01 00 02 03 01 04 00 00 00"
+        " | 00 17 00 10 00 00 00 05 00 06 00 07 00 02 00 08 00 09 00 00 | 00 19 00 04 00 0a 00 0b",
+     Errc::kBadValue,
+     "cfg 7 id 7 subId 1 | 21 word0 1 half0 2 byte0 3 kind 1 byte1 4 fill 0 | 23 word0 5 half0 6 half1 7 "
+     "count0 2 half2 8 half3 9 count1 0 | 25 pairs.0.half0 10 pairs.0.half1 11 "
+     "! item 25 holds 1 pairs but count0 is 2 in cfg 7 at offset 0"},
+    {S, "00 01 00 10 00 00 07 08 | 00 78 00 04 00 00 00 03 | 00 79 00 04 00 00 00 0a", Errc::kBadValue,
+     "cfg 33 value 3 | 121 value 10 ! a range and a list mixed in cfg 33 at offset 0"},
 };
 
 std::string Lines(const dec::Decoded &d) {

@@ -355,7 +355,8 @@ void Device::Apply(const Message &message) {
             return;
         case Kind::kTunnelIfDel: {
             const Item *index = message.FindItem(72);
-            tunnelIf_.Append(Row{"", Json{{"ifindex", index ? index->Number("ifIndex", index->value.size() == 4 ? wire::Get32(index->value.data()) : 0) : 0},
+            const uint32_t ifIndex = index && index->value.size() == 4 ? wire::Get32(index->value.data()) : 0;
+            tunnelIf_.Append(Row{"", Json{{"ifindex", ifIndex},
                                           {"objtype", message.objType},
                                           {"byte7", message.byte7}}});
             return;
@@ -426,7 +427,9 @@ void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
         Log(fmt::format("{} > {}", who, decode::Render(message)));
         if (message.kind == Kind::kEventChannel) {
             const Item *word = message.FindItem(0);
-            const uint64_t value = word ? word->Number("channelWord", word->fields.empty() ? 0 : word->fields.front().number) : 0;
+            // The channel word travels in the client's own byte order; the
+            // decoder reads it as this host's.
+            const uint64_t value = word && !word->fields.empty() ? word->fields.front().number : 0;
             if (message.opcode == kDelete) {
                 channel_.Erase({id});
                 for (auto it = reg_.Rows().begin(); it != reg_.Rows().end();) {
@@ -466,9 +469,7 @@ void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
                 if (!removed) Log(fmt::format("deregistration from {} matches nothing", who));
             } else {
                 if (!channel_.Find({id})) Log(fmt::format("registration from {} without an open channel", who));
-                Json fields{{"selector", selector}, {"mask", fmt::format("{:#06x}", mask)},
-                            {"param", eventParam}, {"extra", extra}};
-                fields["mask"] = mask;
+                Json fields{{"selector", selector}, {"mask", mask}, {"param", eventParam}, {"extra", extra}};
                 reg_.Put({id, nextReg_}, Row{fmt::format("{}/{}", who, nextReg_), fields});
                 ++nextReg_;
             }

@@ -40,6 +40,8 @@ class EmuTest : public ::testing::Test {
     void SendRaw(const Bytes &datagram, bool toEvents = false, bool freshSocket = false);
     Bytes Answer();
 
+    // Options for `l2vfib-emu start --foreground`, set before SetUp.
+    std::vector<std::string> startOptions_;
     std::string dir_;
     int pid_ = -1;
     int raw_ = -1;

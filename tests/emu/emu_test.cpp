@@ -3,6 +3,11 @@
 #include "emu_fixture.h"
 #include "l2vfib_decode.h"
 
+#include <pcap/pcap.h>
+
+#include <algorithm>
+#include <filesystem>
+
 namespace decode = l2vfib::decode;
 
 namespace emut {
@@ -156,6 +161,43 @@ TEST_F(EmuTest, KeepsEventChannelsAndSendsThemEvents) {
     EXPECT_EQ(Rows("reg").size(), 0u);
     SendRaw(Hex("00 14 00 08 00 00 07 00 | 00 00 00 04 08 00 00 00"), true);
     EXPECT_EQ(Rows("channel").size(), 0u);
+}
+
+class CapturingEmu : public EmuTest {
+  protected:
+    void SetUp() override {
+        char dir[] = "/tmp/l2vfib-emu-cap.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        capture_ = std::string(dir) + "/cap.pcap";
+        startOptions_ = {"--capture", capture_};
+        EmuTest::SetUp();
+    }
+    void TearDown() override {
+        EmuTest::TearDown();
+        std::filesystem::remove_all(std::filesystem::path(capture_).parent_path());
+    }
+    std::string capture_;
+};
+
+TEST_F(CapturingEmu, CapturesEachDatagramWithItsDirection) {
+    SendRaw(Hex(kCfg20));
+    SendRaw(Hex(kAlloc), false, true);
+    ASSERT_FALSE(Answer().empty());
+    char error[PCAP_ERRBUF_SIZE] = {};
+    pcap_t *pcap = pcap_open_offline(capture_.c_str(), error);
+    ASSERT_NE(pcap, nullptr) << error;
+    EXPECT_EQ(pcap_datalink(pcap), DLT_USER0);
+    std::vector<std::string> records;
+    pcap_pkthdr *head = nullptr;
+    const u_char *data = nullptr;
+    while (pcap_next_ex(pcap, &head, &data) == 1)
+        records.push_back(decode::ToHex(std::span<const uint8_t>(data, std::min<size_t>(head->caplen, 16))));
+    pcap_close(pcap);
+    EXPECT_EQ(records, (std::vector<std::string>{
+                           "00 00 80 00 0a 6e 00 00 00 02 00 08 00 00 01 08",  // in, forwarding
+                           "00 00 80 00 0a 6e 00 00 00 1d 00 30 00 00 05 08",
+                           "01 00 80 00 0a 6e 00 00 00 1d 00 08 00 00 05 08",  // out: the reply
+                       }));
 }
 
 }  // namespace

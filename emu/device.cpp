@@ -31,6 +31,8 @@ constexpr uint8_t kAdd = 5;
 constexpr uint8_t kDelete = 7;
 constexpr size_t kLogTail = 200;
 constexpr size_t kSeenPeers = 4096;
+// The result a bad request gets (the library's code for any failure).
+constexpr uint32_t kBadRequestResult = 0x40010001;
 // The most 16-byte entries one 4096-byte AC data answer holds.
 constexpr size_t kAcDataMax = (host::kMaxDatagram - 12 - 8 - 8 - 4) / 16;
 
@@ -186,10 +188,19 @@ std::vector<Outgoing> Device::Forwarding(const Peer &from, std::span<const uint8
     std::vector<Outgoing> out;
     if (decoded.ok() && decoded.messages.size() == 1) {
         if (auto answer = Answer(from, decoded.messages.front(), fresh)) out.push_back(std::move(*answer));
+    } else if (!decoded.ok() && fresh && decoded.messages.size() <= 1) {
+        // A bad request on a fresh socket: its sender waits for a reply, so
+        // it gets a failure rather than silence.
+        const uint16_t objType = decoded.messages.empty() ? 0 : decoded.messages.front().objType;
+        const uint8_t opcode = decoded.messages.empty() ? 0 : decoded.messages.front().opcode;
+        ++counters_.replies;
+        Log(fmt::format("{} < reply 37 result {:#x} to a bad request", PeerText(from), kBadRequestResult));
+        out.push_back(Outgoing{from, wire::WordMessage(objType, opcode, 37, kBadRequestResult)});
     }
     // Every sender but a fresh socket that waits for its reply is a
     // daemon's service socket: notices go there.
-    const bool requestSocket = fresh && !out.empty() && decoded.messages.front().kind != Kind::kAcQuery;
+    const bool requestSocket =
+        fresh && !out.empty() && (decoded.messages.empty() || decoded.messages.front().kind != Kind::kAcQuery);
     if (!requestSocket && std::find(clients_.begin(), clients_.end(), from) == clients_.end())
         clients_.push_back(from);
     return out;

@@ -105,6 +105,9 @@ TEST_F(EmuTest, AnswersOnTheSocketThatAsked) {
     // The same request from a socket that sent before is not a request.
     SendRaw(Hex(kAlloc));
     EXPECT_EQ(Answer(), Bytes{});
+    // A bad request from a fresh socket is answered with a failure.
+    SendRaw(Hex("00 03 00 0c 00"), false, true);
+    EXPECT_EQ(Answer(), Hex("00 00 00 08 00 00 00 08 | 00 25 00 04 40 01 00 01"));
 }
 
 struct Malformed {

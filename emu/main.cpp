@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <stdexcept>
 
 #include "server.h"
 
@@ -33,6 +34,20 @@ int Ask(const Json &request, bool json = false, const char *member = "rows") {
         fmt::print("sent to {}\n", (*response)["sent"].get<uint64_t>());
     }
     return 0;
+}
+
+// A number as typed: decimal, or hex with 0x.
+uint64_t Number(const std::string &text, const char *what) {
+    size_t used = 0;
+    uint64_t value = 0;
+    try {
+        value = std::stoull(text, &used, 0);
+    } catch (const std::exception &) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size())
+        throw std::runtime_error(fmt::format("{}: not a number: '{}'", what, text));
+    return value;
 }
 
 }  // namespace
@@ -90,14 +105,14 @@ int main(int argc, char **argv) {
     answer->add_option("result", result, "the result, a number (0x.. for hex); 'default' for 0")->required();
     answer->callback([&] {
         Json request{{"cmd", "answer"}, {"code", code}, {"result", nullptr}};
-        if (result != "default") request["result"] = std::stoul(result, nullptr, 0);
+        if (result != "default") request["result"] = Number(result, "result");
         status = Ask(request);
     });
 
     std::string value;
     auto *notice = app.add_subcommand("notice", "send a notice (item 36) to every client");
     notice->add_option("value", value, "the notice's value")->required();
-    notice->callback([&] { status = Ask(Json{{"cmd", "notice"}, {"value", std::stoul(value, nullptr, 0)}}); });
+    notice->callback([&] { status = Ask(Json{{"cmd", "notice"}, {"value", Number(value, "value")}}); });
 
     uint32_t type = 3;
     std::string tag = "0", hex, mask;
@@ -111,12 +126,12 @@ int main(int argc, char **argv) {
     event->add_option("--hex", hex, "the item's value as hex bytes instead");
     event->add_option("--mask", mask, "only channels whose registration mask shares a bit");
     event->callback([&] {
-        Json request{{"cmd", "event"}, {"type", type}, {"tag", std::stoul(tag, nullptr, 0)}};
+        Json request{{"cmd", "event"}, {"type", type}, {"tag", Number(tag, "tag")}};
         if (!hex.empty()) request["hex"] = hex;
         Json numbers = Json::array();
-        for (const auto &w : words) numbers.push_back(std::stoull(w, nullptr, 0));
+        for (const auto &w : words) numbers.push_back(Number(w, "word"));
         request["words"] = numbers;
-        if (!mask.empty()) request["mask"] = std::stoul(mask, nullptr, 0);
+        if (!mask.empty()) request["mask"] = Number(mask, "mask");
         status = Ask(request);
     });
 
@@ -125,7 +140,7 @@ int main(int argc, char **argv) {
     nodeCmd->add_option("node", node, "node number (0x.. for hex)")->required();
     nodeCmd->add_option("state", state, "up, down or remove")->required();
     nodeCmd->callback([&] {
-        status = Ask(Json{{"cmd", "node"}, {"node", std::stoul(node, nullptr, 0)}, {"state", state}});
+        status = Ask(Json{{"cmd", "node"}, {"node", Number(node, "node")}, {"state", state}});
     });
 
     uint32_t ifIndex = 0;
@@ -135,7 +150,7 @@ int main(int argc, char **argv) {
     tunnel->add_option("mode", mode, "the mode; 'none' forgets the interface")->required();
     tunnel->callback([&] {
         Json request{{"cmd", "tunnel-mode"}, {"ifindex", ifIndex}, {"mode", nullptr}};
-        if (mode != "none") request["mode"] = std::stoul(mode, nullptr, 0);
+        if (mode != "none") request["mode"] = Number(mode, "mode");
         status = Ask(request);
     });
 

@@ -8,7 +8,8 @@ emu="$build/emu/l2vfib-emu"
 daemon="$build/examples/fib_daemon"
 for f in "$emu" "$daemon"; do
     if [ ! -x "$f" ]; then
-        echo "demo: $f was not built" >&2
+        echo "demo: $f was not built (the example daemon is built once the library" >&2
+        echo "      exports every function it calls: see the cmake output)" >&2
         exit 1
     fi
 done

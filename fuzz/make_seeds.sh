@@ -1,13 +1,14 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply, fuzz_notice and fuzz_decode (a few
-# hand-made messages each) into corpus/. Run again after changing a seed.
+# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event and
+# fuzz_decode (a few hand-made messages each) into corpus/. Run again after
+# changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice decode
-mkdir -p reply notice decode
+rm -rf reply notice event decode
+mkdir -p reply notice event decode
 
 seed() { printf "$2" > "$1"; }
 
@@ -31,6 +32,14 @@ seed notice/eight-bytes       '\000\000\000\000\000\000\000\000'
 seed notice/length-overrun    '\000\000\000\011\000\000\000\000\000\044\000\004\000\000\000\007'
 seed notice/item-overrun      '\000\000\000\010\000\000\000\000\000\044\000\005\000\000\000\007'
 seed notice/short-value       '\000\000\000\006\000\000\000\000\000\044\000\002\000\007'
+
+# Events.
+seed event/three-items    '\000\024\000\104\001\002\007\011\000\003\000\006\012\013\014\015\001\002\000\011\000\002\377\377\000\002\000\060\000\000\000\001\000\000\000\002\135\253\003\004\000\000\000\005\000\000\000\006\000\000\000\007\010\011\315\357\012\013\014\015\020\021\022\023\024\025\026\027\030\031\032\033\034\035\036\037'
+seed event/long-value     '\253\315\000\064\377\376\000\000\000\006\000\054\021\022\023\024\041\042\043\044\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\063\104\104\104\104\000\003\000\000'
+seed event/unknown-only   '\000\024\000\010\000\000\000\000\000\007\000\004\000\000\000\001'
+seed event/short-payload  '\000\024\000\004\000\000\000\000\000\003\000\000\000\000\000\000'
+seed event/length-overrun '\000\024\000\015\000\000\000\000\000\003\000\006\012\013\014\015\001\002\000\000'
+seed event/item-cut       '\000\024\000\015\000\000\000\000\000\003\000\006\012\013\014\015\001\002\000\003\000'
 
 # Decoder: a direction byte (0 to the service, 1 from it, 2 to the event
 # service, 3 from it; 4 a control input, 5 a control answer, the code

@@ -11,7 +11,7 @@ set -eu
 bin=${1:?usage: run.sh BUILD_FUZZ_DIR [SECONDS] [FUZZER...]}
 seconds=${2:-20}
 [ $# -ge 2 ] && shift 2 || shift $#
-fuzzers=${*:-reply notice frames decode}
+fuzzers=${*:-reply notice frames event decode}
 src=$(cd "$(dirname "$0")" && pwd)
 
 for name in $fuzzers; do

@@ -620,8 +620,10 @@ L2VFIB_API uint32_t L2VFIB_RegEvent(int32_t socket, uint16_t eventMask, const ui
 L2VFIB_API uint32_t L2VFIB_DeregEvent(int32_t socket, uint16_t eventMask, uint32_t selector0,
                                       uint32_t eventParam);
 /* Read one event datagram without waiting and dispatch its items.
- * Returns L2VFIB_ERR_NO_DATA, L2VFIB_ERR_FAIL, L2VFIB_OK, or the last
- * callback's result. */
+ * Returns L2VFIB_ERR_NO_DATA (nothing to read), L2VFIB_ERR_FAIL (payload
+ * length below 8, or no known item), L2VFIB_ERR_BAD_MSG (payload length
+ * beyond the bytes received), L2VFIB_OK (no callback installed), or the
+ * last callback's result. */
 L2VFIB_API uint32_t L2VFIB_HandleEvtMsg(int32_t socket);
 
 #ifdef __cplusplus

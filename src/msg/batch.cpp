@@ -147,4 +147,13 @@ void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t
     l2vfib_Batch->used = static_cast<uint16_t>(l2vfib_Batch->used + length);
 }
 
+uint32_t AppendReopen(int32_t socket, Append *append, uint32_t objType, uint32_t opcode,
+                      uint32_t byte7) {
+    AppendEnd(*append, objType, opcode, byte7);
+    if (l2vfib_FlushNoWait(socket) != L2VFIB_OK) return L2VFIB_ERR_FAIL;
+    append->msg = l2vfib_Batch->area;
+    append->pos = append->msg + kHeadSize;
+    return L2VFIB_OK;
+}
+
 }  // namespace l2vfib

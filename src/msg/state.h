@@ -75,6 +75,14 @@ struct Append {
 uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append);
 void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7);
 
+// For a run of messages that outgrows the batch: closes the open message as
+// AppendEnd does, sends the queue without blocking and opens the next
+// message at the start of the emptied area. Returns L2VFIB_OK, or
+// L2VFIB_ERR_FAIL when the send fails; the closed message then stays queued
+// and counted, and append must not be written through again.
+uint32_t AppendReopen(int32_t socket, Append *append, uint32_t objType, uint32_t opcode,
+                      uint32_t byte7);
+
 }  // namespace l2vfib
 
 #endif

@@ -276,4 +276,31 @@ TEST_F(HostLibrary, ADaemonsSessionOverRealSockets) {
          0x00, 0x0a, 0x00, 0x14}}));
 }
 
+TEST_F(HostLibrary, AnEventReachesTheDaemonsPollLoop) {
+    // No control endpoint: the local node is 0x0001. The event service answers
+    // a registration with one event: tag 0x0102, an item of type 3.
+    const Bytes event = {0, 20, 0, 16, 1, 2, 0, 0, 0, 3, 0, 12, 0, 0, 0, 1, 0, 0, 0, 2, 3, 4, 5, 6};
+    Peer service(dir_ + "/node-0001.port-12566", [&event](const Bytes &request) {
+        return request.size() == 40 ? event : Bytes{};
+    });
+    static std::tuple<uint32_t, uint32_t, uint32_t, uint16_t> seen;
+    const int32_t fd = L2VFIB_InitEvent(5);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(L2VFIB_HandleEvtMsg(fd), L2VFIB_ERR_NO_DATA);  // nothing yet, and no wait
+    L2VFIB_RegEvent(fd, 0x1010, nullptr, 9, [](uint32_t tag, const void *record) {
+        const auto *r = static_cast<const L2VFIB_EvtRecord3 *>(record);
+        seen = {tag, r->word0, r->word1, r->half0};
+        return 0x77u;
+    }, 3);
+    pollfd readable{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&readable, 1, 2000), 1);
+    EXPECT_EQ(L2VFIB_HandleEvtMsg(fd), 0x77u);
+    EXPECT_EQ(seen, std::tuple(0x0102u, 1u, 2u, uint16_t{0x0304}));
+    EXPECT_EQ(L2VFIB_FiniEvent(fd), 0);
+    const std::vector<Bytes> received = service.Stop();  // open, register, close
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(std::tuple(received[0].size(), received[0][6], received[1][6], received[2][6]),
+              std::tuple(16u, 5, 5, 7));
+}
+
 }  // namespace

@@ -82,6 +82,7 @@ ssize_t SKT_Recv(int fd, void *data, size_t length, int flags) {
 int SKT_SetOpt(int fd, int level, int name, const void *value, uint32_t valueLength) {
     fake::Trace("setopt", fd);
     g.opts.push_back({fd, level, name, fake::Copy(value, valueLength)});
+    if (g.optFailNames.count(name) != 0) return fake::Fail(ENOPROTOOPT);
     return g.optFailures-- > 0 ? fake::Fail(ENOPROTOOPT) : 0;
 }
 
@@ -131,7 +132,7 @@ uint32_t LIP_GetLocalLip(uint32_t which) {
 
 uint32_t TUNNEL_GetMode(uint32_t ifIndex, uint32_t *mode) {
     g.tunnelQueries.push_back(ifIndex);
-    if (mode != nullptr) *mode = g.tunnelMode;
+    if (mode != nullptr && !g.tunnelModeUntouched) *mode = g.tunnelMode;
     return g.tunnelResult;
 }
 

@@ -55,6 +55,7 @@ struct Script {
                                              // errno e; none left: the whole message
     std::deque<RecvResult> recvResults{};    // none left: fails with EAGAIN
     int optFailures = 0;                     // the next n setsockopt calls fail
+    std::set<int> optFailNames{};            // setsockopt of these option names fails
     int closeResult = 0;
     std::deque<ControlResult> controlResults{};  // none left: 0, no answer
     uint32_t asyncResult = 0;
@@ -63,6 +64,7 @@ struct Script {
     uint32_t localLip = 0;                          // LIP_GetLocalLip's answer
     uint32_t tunnelMode = 0;                        // TUNNEL_GetMode's mode and result
     uint32_t tunnelResult = 0;
+    bool tunnelModeUntouched = false;               // TUNNEL_GetMode leaves the mode as it was
 };
 
 // What the library called. trace holds every socket call in order:

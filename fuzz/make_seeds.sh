@@ -1,16 +1,21 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event and
-# fuzz_decode (a few hand-made messages each) into corpus/. Run again after
-# changing a seed.
+# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_decode
+# and fuzz_acdata (a few hand-made messages each) into corpus/. Run again
+# after changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice event decode
-mkdir -p reply notice event decode
+rm -rf reply notice event decode acdata
+mkdir -p reply notice event decode acdata
 
 seed() { printf "$2" > "$1"; }
+# The same from hex bytes: hexseed FILE "00 0a ..."
+hexseed() {
+    : > "$1"
+    for b in $2; do printf "\\$(printf %03o "0x$b")" >> "$1"; done
+}
 
 # Replies.
 seed reply/result-ok          '\000\001\000\010\000\000\001\010\000\045\000\004\000\000\000\000'
@@ -40,6 +45,20 @@ seed event/unknown-only   '\000\024\000\010\000\000\000\000\000\007\000\004\000\
 seed event/short-payload  '\000\024\000\004\000\000\000\000\000\003\000\000\000\000\000\000'
 seed event/length-overrun '\000\024\000\015\000\000\000\000\000\003\000\006\012\013\014\015\001\002\000\000'
 seed event/item-cut       '\000\024\000\015\000\000\000\000\000\003\000\006\012\013\014\015\001\002\000\003\000'
+
+# AC data answers: 12-byte head (length L), 8-byte head (length P), count
+# item (N), entry item (N entries).
+hexseed acdata/entries-16 "00 00 00 34 00 00 00 00 00 00 00 00 00 00 00 2c 00 00 00 00
+  00 01 00 04 00 00 00 02 00 02 00 20 00 00 00 01 00 05 06 07 00 08 00 09 00 00 00 0a
+  8a 8b 8c 8d 8e 8f 90 91 92 93 94 95 96 97 98 99"
+hexseed acdata/entries-5 "00 00 00 1f 00 00 00 00 00 00 00 00 00 00 00 17 00 00 00 00
+  00 01 00 04 00 00 00 02 00 02 00 0b 01 02 03 04 05 11 12 13 14 15 ff"
+hexseed acdata/no-entries "00 00 00 10 00 00 00 00 00 00 00 00 00 00 00 08 00 00 00 00
+  00 01 00 04 00 00 00 00"
+hexseed acdata/count-short "00 00 00 0f 00 00 00 00 00 00 00 00 00 00 00 07 00 00 00 00
+  00 01 00 03 00 00 00"
+hexseed acdata/too-many "00 00 00 14 00 00 00 00 00 00 00 00 00 00 00 0c 00 00 00 00
+  00 01 00 04 00 00 00 ff 00 02 00 00"
 
 # Decoder: a direction byte (0 to the service, 1 from it, 2 to the event
 # service, 3 from it; 4 a control input, 5 a control answer, the code

@@ -486,14 +486,16 @@ L2VFIB_API uint32_t L2VFIB_CheckVlanRange(uint32_t target, uint32_t length, cons
 /* ---------------------------------------------------------------------- */
 
 /* Queue a pseudowire add carrying blockLength bytes of block behind the key.
- * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN, or L2VFIB_ERR_FAIL (a flush for
- * room failed, or the message cannot fit an empty batch). */
+ * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN, or L2VFIB_ERR_FAIL (a null key, a
+ * null block of nonzero length, a block above 1380 bytes that cannot fit an
+ * empty batch, or a flush for room that failed; nothing is queued). */
 L2VFIB_API uint32_t L2VFIB_AddPwEntry(int32_t socket, uint32_t byte7, const L2VFIB_EntryKey *key,
                                       const void *block, uint16_t blockLength);
 /* Queue a pseudowire delete. Results as L2VFIB_AddPwEntry. */
 L2VFIB_API uint32_t L2VFIB_DelPwEntry(int32_t socket, uint32_t byte7, const L2VFIB_EntryKey *key);
 /* Encode a pseudowire's attribute block into out. Returns the bytes written,
- * or 0 (nothing written) when room is too small. */
+ * or 0 (nothing written): a null entry or out, a room below that of the
+ * largest block (4 x (fillWords13 + 21)), or a fillWords13 above 57. */
 L2VFIB_API uint32_t L2VFIB_EncLpwEntry(const L2VFIB_LpwEntry *entry, uint32_t room, void *out);
 
 /* ---------------------------------------------------------------------- */
@@ -501,7 +503,8 @@ L2VFIB_API uint32_t L2VFIB_EncLpwEntry(const L2VFIB_LpwEntry *entry, uint32_t ro
 /* ---------------------------------------------------------------------- */
 
 /* Queue a MAC-in-MAC message with the caller's opcode and a block.
- * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN or L2VFIB_ERR_FAIL. */
+ * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN or L2VFIB_ERR_FAIL (as
+ * L2VFIB_AddPwEntry). */
 L2VFIB_API uint32_t L2VFIB_AddMinMEntry(int32_t socket, uint32_t byte7, uint32_t opcode,
                                         const L2VFIB_EntryKey *key, const void *block,
                                         uint16_t blockLength);
@@ -509,7 +512,8 @@ L2VFIB_API uint32_t L2VFIB_AddMinMEntry(int32_t socket, uint32_t byte7, uint32_t
 L2VFIB_API uint32_t L2VFIB_DelMinMEntry(int32_t socket, uint32_t byte7, uint32_t opcode,
                                         const L2VFIB_EntryKey *key);
 /* Encode a MAC-in-MAC attribute block into out. Returns the bytes written,
- * or 0 (nothing written) on refusal. */
+ * or 0 (nothing written): a null entry, out or members, a memberCount of 0
+ * or above 21, or a room below the block's length. */
 L2VFIB_API uint32_t L2VFIB_EncMinMEntry(const L2VFIB_MinMEntry *entry, uint32_t room, void *out);
 
 /* ---------------------------------------------------------------------- */
@@ -517,7 +521,8 @@ L2VFIB_API uint32_t L2VFIB_EncMinMEntry(const L2VFIB_MinMEntry *entry, uint32_t 
 /* ---------------------------------------------------------------------- */
 
 /* Queue an attachment-circuit add (a delete when info is null).
- * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN or L2VFIB_ERR_FAIL. */
+ * Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN or L2VFIB_ERR_FAIL (a null key, a
+ * fillWords22 above 52 on an add, or a flush for room that failed). */
 L2VFIB_API uint32_t L2VFIB_AddAcEntry(int32_t socket, const L2VFIB_EntryKey *key,
                                       const L2VFIB_AcInfo *info, const L2VFIB_AcOption *option);
 /* Queue an attachment-circuit delete. Results as above. */
@@ -525,7 +530,11 @@ L2VFIB_API uint32_t L2VFIB_DelAcEntry(int32_t socket, const L2VFIB_EntryKey *key
 /* Send the AC flag message at once. Returns L2VFIB_OK or L2VFIB_ERR_FAIL. */
 L2VFIB_API uint32_t L2VFIB_SetAcFlagClear(int32_t socket, int32_t flag);
 /* Query the attachment-circuit data table into list (entries must hold
- * L2VFIB_AC_DATA_MAX elements). Returns L2VFIB_OK or L2VFIB_ERR_FAIL. */
+ * L2VFIB_AC_DATA_MAX elements) and wait for the answer on socket.
+ * Returns L2VFIB_OK (count set to the number of entries copied; list left
+ * alone when the answer holds none), or L2VFIB_ERR_FAIL with list left
+ * alone: a null list, a failed send or receive, a malformed answer, more
+ * than L2VFIB_AC_DATA_MAX entries, or entries null when some came. */
 L2VFIB_API uint32_t L2VFIB_GetAcData(int32_t socket, L2VFIB_AcDataList *list);
 
 /* ---------------------------------------------------------------------- */
@@ -535,7 +544,8 @@ L2VFIB_API uint32_t L2VFIB_GetAcData(int32_t socket, L2VFIB_AcDataList *list);
 /* Queue a MAC withdraw. Returns L2VFIB_OK, L2VFIB_ERR_NOT_OPEN or
  * L2VFIB_ERR_FAIL. */
 L2VFIB_API uint32_t L2VFIB_WithdrawMacAddr(int32_t socket, const L2VFIB_EntryKey *key);
-/* Send a MAC reset with *value to every node that is up. Returns L2VFIB_OK. */
+/* Send a MAC reset with *value to every node that is up. Returns L2VFIB_OK
+ * whatever the nodes answer, or L2VFIB_ERR_FAIL for a null value. */
 L2VFIB_API uint32_t L2VFIB_ResetMacAddr(const uint32_t *value);
 
 /* ---------------------------------------------------------------------- */

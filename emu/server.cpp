@@ -322,6 +322,9 @@ int Start(const StartOptions &options) {
             dup2(log, STDOUT_FILENO);
             dup2(log, STDERR_FILENO);
         }
+        // Nothing of the caller's stays open (a pipe held here would keep
+        // the caller's reader waiting).
+        closefrom(3);
         std::ofstream(InDir("emu.pid")) << getpid() << "\n";
         const int status = RunHere(options);
         unlink(InDir("emu.pid").c_str());

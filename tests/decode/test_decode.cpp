@@ -29,6 +29,10 @@ struct Row {
 #define FF32 FF8 FF8 FF8 FF8
 #define KEY7 "00 00 00 07 00 01 00 00"
 #define DE24 "de de de de de de de de de de de de de de de de de de de de de de de de"
+#define DE32 DE24 " de de de de de de de de"
+#define Z12 "00 00 00 00 00 00 00 00 00 00 00 00"
+#define PEER0 Z12 " " Z12
+#define NOPEER(i) " peers." #i ".ip.family 0 peers." #i ".ip.addr :: peers." #i ".word0 0"
 
 const Row kRows[] = {
     // Forwarding entries, batched.
@@ -97,6 +101,30 @@ const Row kRows[] = {
      "cfg 82/84 | 236 word0 1 word1 2 half0 3"},
     {S, "00 0e 00 0c 00 00 17 05 | 00 46 00 08 00 00 00 01 00 00 00 02", OK, "cfg 80 word0 1 word1 2"},
     {S, "00 01 00 08 00 00 17 08 | 00 20 00 04 00 00 00 05", OK, "cfg 21 value 5"},
+    // Address and record items.
+    {S, "00 1e 00 40 00 00 05 08 | 00 bb 00 3c 00 02 00 00 0a 00 00 01 " Z12
+        " 00 0a 00 01 fe 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 02 ab cd c0 a8 00 01 " Z12,
+     OK,
+     "cfg 60 | 187 ip0.family 2 ip0.reserved 0 ip0.addr 10.0.0.1 ip1.family 10 ip1.reserved 1 ip1.addr fe80::1 "
+     "ip2.family 2 ip2.reserved 43981 ip2.addr 192.168.0.1"},
+    {S, "00 01 00 d8 00 00 05 08 | 00 70 00 d4 00 02 00 00 0a 00 00 01 " Z12
+        " 00 0a 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 02 00 00 00 05 " PEER0 " " PEER0 " " PEER0 " " PEER0
+        " " PEER0 " " PEER0 " " PEER0,
+     OK,
+     "cfg 34 | 112 ip.family 2 ip.addr 10.0.0.1 peers.0.ip.family 10 peers.0.ip.addr 2001:db8::2 peers.0.word0 5"
+     NOPEER(1) NOPEER(2) NOPEER(3) NOPEER(4) NOPEER(5) NOPEER(6) NOPEER(7)},
+    {S, "00 28 00 38 00 00 05 08 | 00 e7 00 34 00 02 00 00 0a 00 00 01 " Z12 " " FF32, OK,
+     "cfg 78 | 231 ip.family 2 ip.reserved 0 ip.addr 10.0.0.1"},
+    {S, "00 21 00 34 00 00 05 08 | 00 c9 00 30 00 00 00 01 00 00 00 02 00 00 00 03 04 05 12 34 " DE32, OK,
+     "cfg 66 | 201 word0 1 word1 2 word2 3 byte0 4 byte1 5 pair 1234 data "
+     "dededededededededededededededededededededededededededededededede"},
+    {S, "00 01 00 34 00 00 06 08 | 00 ef 00 28 00 00 00 01 00 00 00 02 " DE32 " | 00 92 00 04 00 00 00 09", OK,
+     "cfg 91 value 9 | 239 word0 1 word1 2 data dededededededededededededededededededededededededededededededede"},
+    {S, "00 1d 00 30 00 00 05 08 | 00 b8 00 2c 00 00 00 01 00 00 00 02 00 00 00 03 " FF32, OK,
+     "cfg 54 | 184 word0 1 word1 2 word2 3"},
+    {S, "00 02 00 1c 00 00 01 08 | 00 8d 00 10 00 00 00 01 00 02 00 03 00 00 00 04 00 00 00 00"
+        " | 00 8e 00 04 00 00 00 09",
+     OK, "cfg 41 value 9 | 141 word0 1 half0 2 half1 3 word1 4"},
     {S, "00 01 00 0c 00 00 17 08 | 00 0a 00 08 " KEY7, OK, "cfg 22 id 7 subId 1"},
     {S, "00 06 00 0c 00 00 17 08 | 00 14 00 08 " KEY7, OK, "cfg 23 id 7 subId 1"},
     {S, "00 01 00 80 00 00 05 08 | 00 20 00 04 00 00 00 01 | 00 21 00 74 00 00 00 01 00 00 00 02 00 00 00 03"

@@ -56,7 +56,7 @@ test-cross: deps-cross
 fuzz: deps-fuzz
 	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DL2VFIB_FUZZ=ON -DL2VFIB_TESTS=OFF -DL2VFIB_EXAMPLES=OFF \
 	  -DL2VFIB_FUZZ_SECONDS=$(FUZZ_SECONDS)
-	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_decode fuzz_acdata
+	$(CMAKE) --build build-fuzz -j$(JOBS) --target fuzz_reply fuzz_notice fuzz_frames fuzz_event fuzz_acdata fuzz_decode
 	$(CMAKE) --build build-fuzz --target fuzz-run
 
 clean:

@@ -7,13 +7,17 @@
 //
 // Send mode: l2vfib_EncodeCmd builds any code into a room of 0 to 1400
 // bytes with guard bytes on both sides, under fuzz-chosen capability
-// counts, from records that are null or a zero-padded block with fuzz bytes
-// in front, large enough for any record including a full counted list. The
+// counts, from records that are null or fuzz-filled, each in an allocation
+// of exactly the size its encoder reads: variant entries of every kind with
+// their records, ext blocks and pair lists, range lists of count words. The
 // build runs twice over buffers prefilled with opposite patterns: both must
 // give the same message, so every byte of it is written by the library.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <memory>
 #include <vector>
 
 #include "checks.h"
@@ -67,20 +71,81 @@ void Receive(FuzzedDataProvider &fdp) {
     fuzzcheck::Notice(f.data(), f.size(), withCallback);
 }
 
-// Room for the largest record, a range or list of 65535 words included.
-constexpr size_t kBlock = sizeof(L2VFIB_RangeOrList) + 65535 * sizeof(uint32_t);
+// The records of one build, each an allocation of exactly the size asked
+// (none at all for a record the encoder does not read), filled from the
+// input: a read past a record shows.
+struct Records {
+    FuzzedDataProvider &fdp;
+    std::vector<std::unique_ptr<uint8_t[]>> owned{};
 
-// A record: null, or the block with up to 512 fuzz bytes in front, zeros
-// behind. The block is one exact allocation, so reading past it is caught.
-const void *Record(FuzzedDataProvider &fdp, int which) {
-    static uint8_t *const blocks[2] = {new uint8_t[kBlock](), new uint8_t[kBlock]()};
-    static size_t used[2] = {};
-    if (fdp.ConsumeIntegralInRange(0, 7) == 0) return nullptr;
-    const Bytes bytes = fdp.ConsumeBytes<uint8_t>(fdp.ConsumeIntegralInRange<size_t>(0, 512));
-    std::fill_n(blocks[which], used[which], 0);
-    std::copy(bytes.begin(), bytes.end(), blocks[which]);
-    used[which] = bytes.size();
-    return blocks[which];
+    template <typename T = uint8_t>
+    T *Fill(size_t size = sizeof(T)) {
+        owned.emplace_back(new uint8_t[size]());
+        fdp.ConsumeData(owned.back().get(), size);
+        return reinterpret_cast<T *>(owned.back().get());
+    }
+    // Null now and then, so that refusals of a missing record are fuzzed too.
+    bool Missing() { return fdp.ConsumeIntegralInRange(0, 7) == 0; }
+    uint16_t Count(uint16_t most) {
+        return fdp.ConsumeIntegralInRange<uint16_t>(0, fdp.ConsumeBool() ? 8 : most);
+    }
+};
+
+// A variant entry of any kind with the record of its kind (or one the kind
+// does not read), and for kind 1 its ext block and pair lists.
+const void *VariantEntry(Records &r) {
+    auto *entry = r.Fill<L2VFIB_VariantEntry>();
+    entry->kind = r.fdp.ConsumeIntegralInRange<uint8_t>(0, 6);
+    static constexpr size_t kSizes[] = {0, sizeof(L2VFIB_Variant1), sizeof(L2VFIB_Variant2),
+                                        sizeof(L2VFIB_Variant2), sizeof(L2VFIB_Variant4), 0, 0};
+    void *variant = r.Missing() ? nullptr : r.Fill(kSizes[entry->kind]);
+    entry->variant = variant;
+    if (entry->kind == 1 && variant != nullptr) {
+        auto *v = static_cast<L2VFIB_Variant1 *>(variant);
+        v->count0 = r.Count(400), v->count1 = r.Count(400);
+        v->list0 = r.Missing() ? nullptr : r.Fill<L2VFIB_HalfPair>(4 * size_t{v->count0});
+        v->list1 = r.Missing() ? nullptr : r.Fill<L2VFIB_HalfPair>(4 * size_t{v->count1});
+        v->ext = r.Missing() ? nullptr : r.Fill<L2VFIB_Variant1Ext>();
+    }
+    return entry;
+}
+
+// What each encoder reads from arg1 and arg2: a size, or a record built
+// above (a variant entry, a range list of exactly count words).
+constexpr size_t kU16 = 2, kU32 = 4, kKey = sizeof(L2VFIB_EntryKey),
+                 kPair = sizeof(L2VFIB_WordPair), kVariant = SIZE_MAX, kList = SIZE_MAX - 1;
+#define E(name) l2vfib_Enc##name
+const struct Reads {
+    L2VFIB_CmdEncoder encoder;
+    size_t arg1, arg2;
+} kReads[] = {
+    {E(Tlv31), kU32, 0}, {E(Tlv32), kU32, 0}, {E(Tlv44), kU32, 0}, {E(Tlv100), kU32, 0},
+    {E(Tlv102), 0, kU32}, {E(Tlv140), 0, kU32}, {E(Tlv185), 0, kU32}, {E(Tlv189), 0, kU32},
+    {E(Tlv190), 0, kU32}, {E(Tlv215), 0, kU32}, {E(Tlv217), 0, kU32}, {E(Tlv230), 0, kU32},
+    {E(Tlv237), 0, kU32}, {E(Tlv83), 0, kU16}, {E(Tlv218), 0, kU16}, {E(Tlv234), 0, kU16},
+    {E(Tlv235), 0, kU16}, {E(Tlv238), 0, kU16}, {E(Tlv105), 0, 0}, {E(Tlv106), 0, 0},
+    {E(Tlv10), kKey, 0}, {E(Tlv20), 0, kKey}, {E(Tlv70), 0, kPair}, {E(Tlv180), 0, kPair},
+    {E(Tlv181Mark182), kU32, 0}, {E(Tlv181Mark183), kU32, 0}, {E(Tlv181Mark186), kU32, 0},
+    {E(Tlv143With142), kU32, kU32}, {E(VariantEntry), kKey, kVariant},
+    {E(InstanceCfg), kU32, sizeof(L2VFIB_InstanceCfg)}, {E(AcInfo), kKey, sizeof(L2VFIB_AcInfo)},
+    {E(HostEntry), kKey, sizeof(L2VFIB_HostEntry)}, {E(AddrParam), 0, sizeof(L2VFIB_AddrParam)},
+    {E(AddrSet), 0, sizeof(L2VFIB_AddrSet)}, {E(AddrTriple), 0, 3 * sizeof(L2VFIB_IpAddr)},
+    {E(AddrFill), 0, sizeof(L2VFIB_IpAddr)}, {E(MacEntry), kKey, 6},
+    {E(Tlv201), 0, sizeof(L2VFIB_DataEntry)}, {E(Tlv239With146), kU32, sizeof(L2VFIB_DataBlock)},
+    {E(RangeOrList), kU32, kList}, {E(Tlv141With142), kU32, sizeof(L2VFIB_PairEntryExt)},
+    {E(Tlv145With146), kU32, sizeof(L2VFIB_PairEntry)}, {E(Tlv184), 0, sizeof(L2VFIB_WordTriple)},
+    {E(Tlv236), 0, sizeof(L2VFIB_WordsHalf)},
+};
+#undef E
+
+const void *Record(Records &r, size_t reads) {
+    if (r.Missing()) return nullptr;
+    if (reads == kVariant) return VariantEntry(r);
+    if (reads != kList) return r.Fill(reads);
+    const uint16_t count = r.Count(200);
+    auto *list = r.Fill<L2VFIB_RangeOrList>(sizeof(L2VFIB_RangeOrList) + 4 * size_t{count});
+    list->count = count;
+    return list;
 }
 
 constexpr size_t kGuard = 32;
@@ -122,12 +187,18 @@ void Send(FuzzedDataProvider &fdp) {
                              : fdp.ConsumeIntegralInRange<uint32_t>(0, 95);
     const uint16_t room = fdp.ConsumeIntegralInRange<uint16_t>(0, L2VFIB_BATCH_SIZE);
     const uint8_t fill = fdp.ConsumeIntegral<uint8_t>();
-    const void *arg1 = Record(fdp, 0);
-    const void *arg2 = Record(fdp, 1);
-    // A variant entry holds pointers a plain block cannot give: null only.
-    static constexpr uint32_t kVariant[] = {7, 8, 9, 12, 69, 70};
-    if (std::find(std::begin(kVariant), std::end(kVariant), cmd) != std::end(kVariant))
-        arg2 = nullptr;
+    // A code without encoder reads nothing.
+    Reads reads = {nullptr, 0, 0};
+    if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].encoder != nullptr) {
+        const auto *found = std::find_if(std::begin(kReads), std::end(kReads), [&](const Reads &e) {
+            return e.encoder == l2vfib_CmdTable[cmd].encoder;
+        });
+        FUZZ_REQUIRE(found != std::end(kReads));
+        reads = *found;
+    }
+    Records records{fdp};
+    const void *arg1 = Record(records, reads.arg1);
+    const void *arg2 = Record(records, reads.arg2);
     FUZZ_REQUIRE(Encode(cmd, arg1, arg2, room, fill) ==
                  Encode(cmd, arg1, arg2, room, static_cast<uint8_t>(~fill)));
 }

@@ -1,20 +1,22 @@
 #!/bin/sh
-# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_decode
-# and fuzz_acdata (a few hand-made messages each) into corpus/. Run again
-# after changing a seed.
+# Writes the seed corpora of fuzz_reply, fuzz_notice, fuzz_event, fuzz_acdata
+# and fuzz_decode (a few hand-made messages each) into corpus/. Run again after
+# changing a seed.
 #
 # Every seed is an 8-byte header (object type, payload length, tag, opcode,
 # byte 7) followed by items of a 2-byte type and a 2-byte length.
 set -eu
 cd "$(dirname "$0")/corpus"
-rm -rf reply notice event decode acdata
-mkdir -p reply notice event decode acdata
+rm -rf reply notice event acdata decode
+mkdir -p reply notice event acdata decode
 
 seed() { printf "$2" > "$1"; }
-# The same from hex bytes: hexseed FILE "00 0a ..."
+# The same from hex bytes, in one argument or many: hexseed FILE "00 0a ..."
 hexseed() {
-    : > "$1"
-    for b in $2; do printf "\\$(printf %03o "0x$b")" >> "$1"; done
+    name=$1
+    shift
+    # shellcheck disable=SC2048
+    for b in $*; do printf "\\$(printf %03o "0x$b")"; done > "$name"
 }
 
 # Replies.
@@ -63,11 +65,6 @@ hexseed acdata/too-many "00 00 00 14 00 00 00 00 00 00 00 00 00 00 00 0c 00 00 0
 # Decoder: a direction byte (0 to the service, 1 from it, 2 to the event
 # service, 3 from it; 4 a control input, 5 a control answer, the code
 # chosen by byte / 6), then the datagram, written in hex.
-hexseed() {
-    name=$1
-    shift
-    for b in "$@"; do printf "\\$(printf %03o "0x$b")"; done > "$name"
-}
 hexseed decode/pw-add 00 00 03 00 2c 00 00 05 03 00 0a 00 08 00 00 00 07 00 01 00 00 \
     00 0d 00 1c 01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 09 00 00 00 0a 00 0b 00 0c 00 0d 0e 00
 hexseed decode/two-messages 00 00 03 00 0c 00 00 07 03 00 0a 00 08 00 00 00 07 00 01 00 00 \

@@ -45,6 +45,27 @@ uint16_t l2vfib_EncTlv181Mark182(const void *arg1, const void *arg2, uint16_t ro
 uint16_t l2vfib_EncTlv181Mark183(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
 uint16_t l2vfib_EncTlv181Mark186(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
 uint16_t l2vfib_EncTlv143With142(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+
+// The variant entry: key, common item and the items of its kind.
+uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+// A key, then a record ending in all-ones words sized by a capability count.
+uint16_t l2vfib_EncInstanceCfg(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncHostEntry(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncAcInfo(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+// Address and data records.
+uint16_t l2vfib_EncAddrParam(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncAddrSet(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncAddrTriple(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncAddrFill(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncMacEntry(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv201(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv239With146(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+// Lists and word records.
+uint16_t l2vfib_EncRangeOrList(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv141With142(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv145With146(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv184(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
+uint16_t l2vfib_EncTlv236(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
 }
 
 #endif

@@ -28,6 +28,7 @@
 
 #include "entry/entry.h"
 #include "l2vfib_platform.h"
+#include "msg/head.h"
 #include "msg/transport.h"
 #include "msg/wire.h"
 
@@ -76,12 +77,9 @@ void ReadEntry(const uint8_t *entry, uint32_t size, L2VFIB_AcData *slot) {
 
 namespace l2vfib {
 
+// The 8-byte header, then the extra word.
 void WriteExtMsgHead(const L2VFIB_ExtMsgHead &head, uint8_t *out) {
-    PutBe16(out, head.objType);
-    PutBe16(out + 2, head.payloadLen);
-    PutBe16(out + 4, head.tag);
-    out[6] = head.opcode;
-    out[7] = head.byte7;
+    WriteMsgHead({head.objType, head.payloadLen, head.tag, head.opcode, head.byte7}, out);
     PutBe32(out + 8, head.extWord);
 }
 

@@ -6,17 +6,41 @@
 
 namespace l2vt {
 
-Bytes Hex(std::string_view text) {
-    std::string digits;
-    for (char c : text) {
-        if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
-        else if (c != ' ' && c != '|' && c != '\n') std::abort();  // a typo in the test
+namespace {
+
+// Bytes up to the end of text, or up to the ']' that closes a group.
+Bytes HexRun(std::string_view text, size_t &pos, bool inGroup) {
+    auto hex = [&](size_t at) {
+        return at < text.size() && std::isxdigit(static_cast<unsigned char>(text[at]));
+    };
+    Bytes out, unit;
+    while (pos < text.size()) {
+        const char c = text[pos];
+        if (c == ' ' || c == '|' || c == '\n') {
+            ++pos;
+            continue;
+        }
+        if (c == ']' && inGroup) return ++pos, out;  // the group ends
+        if (c == '[') unit = HexRun(text, ++pos, true);
+        else if (hex(pos) && hex(pos + 1))
+            unit = {static_cast<uint8_t>(std::stoul(std::string(text.substr(pos, 2)), nullptr, 16))};
+        else std::abort();  // a typo in the test
+        pos += c == '[' ? 0 : 2;
+        size_t times = 1, digits = 0;  // "*N" repeats the byte or group
+        if (pos < text.size() && text[pos] == '*')
+            times = std::stoul(std::string(text.substr(++pos)), &digits);
+        pos += digits;
+        for (size_t i = 0; i < times; ++i) out.insert(out.end(), unit.begin(), unit.end());
     }
-    if (digits.size() % 2 != 0) std::abort();
-    Bytes out;
-    for (size_t i = 0; i < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    if (inGroup) std::abort();  // an unclosed group
     return out;
+}
+
+}  // namespace
+
+Bytes Hex(std::string_view text) {
+    size_t pos = 0;
+    return HexRun(text, pos, false);
 }
 
 Bytes operator+(Bytes a, const Bytes &b) {

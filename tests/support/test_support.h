@@ -23,7 +23,8 @@ using fake::Bytes;
 using Trace = std::vector<std::string>;  // as fake::Records::trace
 
 // "00 0e 00 0c | 00 00 17 05": pairs of hex digits; spaces and '|' are
-// separators only.
+// separators only. "ff*32" is 32 bytes 0xff, "[00 7b 00 04]*3" the group
+// three times.
 Bytes Hex(std::string_view text);
 Bytes operator+(Bytes a, const Bytes &b);
 // "00 0e 00 0c ...": for comparisons whose failures should read as bytes;

@@ -1,20 +1,9 @@
 // The checks the fuzz targets share. Each runs one piece of the library on
 // the bytes given and aborts, so that libFuzzer keeps the input, when the
-// outcome breaks the reply or notice rules; AddressSanitizer catches any
-// read outside the bytes received.
-//
-// Reply (length bytes): 11 or fewer, a payloadLen beyond length - 8 (as a
-// 16-bit number) or a first item running past the end fail; item 37 gives
-// its value as the result; item 184 stores its value in the identifier
-// variable and fails; any other item fails.
-//
-// Notice (the datagram cut to 1400 bytes, n of them): 8 or fewer fail; 9 to
-// 11, or a payloadLen beyond n - 8, are malformed; a first item running
-// past the end fails; a first item other than 36 is malformed; otherwise
-// the callback gets kind 1 and the item's value, once, during the call.
-//
-// A first item shorter than four bytes may be refused or read from the
-// zeroed receive area: either is accepted.
+// outcome breaks the reply or notice rules (as the checks below spell them
+// out); AddressSanitizer catches any read outside the bytes received. A
+// first item shorter than four bytes may be refused or read from the zeroed
+// receive area: either is accepted.
 #ifndef L2VFIB_FUZZ_CHECKS_H
 #define L2VFIB_FUZZ_CHECKS_H
 

@@ -1,14 +1,7 @@
 // Raw bytes as the answer to the AC data query: L2VFIB_GetAcData must read
-// nothing outside the bytes received, write nothing past the caller's
-// L2VFIB_AC_DATA_MAX entries (an exact heap array), and fill the list, or
-// leave it alone, as the answer rules below say.
-//
-// Answer (cut to 4096 bytes, n of them): n >= 12; outer length L >= 12 and
-// 12 + L <= n; inner length P <= L - 8; within P from byte 20 a count item
-// of at least 4 bytes (N, be32); N = 0 succeeds unwritten; N <= 254 and an
-// entry item within the rest of P; S = its length / N; S = 0 succeeds
-// unwritten; otherwise slot i is its old bytes overlaid with the first
-// min(S, 16) bytes of entry i, read big-endian, and count is N.
+// nothing outside the bytes received (cut to 4096), write nothing past the
+// caller's L2VFIB_AC_DATA_MAX entries (an exact heap array), and fill the
+// list, or leave it alone, as Expected below reads the answer.
 #include <algorithm>
 #include <memory>
 

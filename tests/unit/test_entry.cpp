@@ -58,44 +58,12 @@ const MsgRow kMsgs[] = {
      "00 09 00 0c 00 00 00 08 | 00 0a 00 08 " KEY},
 };
 
-class QueuedMsg : public OpenLibraryTest, public ::testing::WithParamInterface<MsgRow> {
-  protected:
-    // Queues one message of size bytes, so that 1400 - size stay free.
-    static Bytes Fill(int fd, size_t size) {
-        l2vfib::Append append{};
-        EXPECT_EQ(l2vfib::AppendBegin(fd, static_cast<uint32_t>(size), &append), L2VFIB_OK);
-        append.pos = append.msg + size;
-        l2vfib::AppendEnd(append, 0x63, 0, 0);
-        return Queued();
-    }
-};
+class QueuedMsg : public OpenLibraryTest, public ::testing::WithParamInterface<MsgRow> {};
 
-// The message fits exactly the room left, or first sends the queue without
-// blocking when one byte is missing; a failing send changes nothing. Closed,
-// nothing is queued.
-TEST_P(QueuedMsg, IsQueuedWholeBehindWhatFitsBeforeIt) {
+TEST_P(QueuedMsg, IsQueuedWholeWhereItFits) {
     l2vfib_Caps.fillWords22 = GetParam().fill22;
     const Bytes msg = Hex(GetParam().message);
-    for (size_t missing : {0, 1}) {
-        const Bytes before = Fill(fd_, L2VFIB_BATCH_SIZE - msg.size() + missing);
-        ASSERT_EQ(GetParam().call(fd_), L2VFIB_OK);
-        EXPECT_EQ(ToHex(Queued()), ToHex(missing ? msg : before + msg));
-        ASSERT_EQ(P().sends.size(), missing);
-        if (missing) {
-            EXPECT_EQ(P().sends[0].data, before);
-            EXPECT_EQ(P().sends[0].flags, MSG_DONTWAIT);
-        }
-        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-        P().ClearRecords();
-    }
-    Fill(fd_, L2VFIB_BATCH_SIZE - msg.size() + 1);
-    const Bytes before = Area();
-    P().sendResults = {-EAGAIN};
-    EXPECT_EQ(GetParam().call(fd_), L2VFIB_ERR_FAIL);
-    EXPECT_EQ(Area(), before);
-    L2VFIB_Close(fd_);
-    EXPECT_EQ(GetParam().call(fd_), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_EQ(P().sends.size(), 1u);
+    ExpectQueued(GetParam().call, msg, msg.size());
 }
 
 INSTANTIATE_TEST_SUITE_P(Entries, QueuedMsg, ::testing::ValuesIn(kMsgs),
@@ -219,28 +187,17 @@ using Direct = LibraryTest;
 TEST_F(Direct, MacResetReachesEveryNodeThatIsUp) {
     const Bytes msg = Hex("00 0a 00 08 00 00 01 08 | 00 22 00 04 00 00 01 02");
     const uint32_t value = 258;
-    using Nodes = std::optional<std::vector<uint16_t>>;
-    const std::tuple<Nodes, std::set<uint32_t>, std::vector<uint32_t>> cases[] = {
-        {Nodes{{3, 0x8001, 5}}, {3, 5, 9}, {3, 5}},
-        {Nodes{{2, 1}}, {1, 2}, {2, 1}},
-        {Nodes{std::vector<uint16_t>{}}, {1}, {}},
-        {std::nullopt, {1}, {}}};
-    for (const auto &[nodes, up, targets] : cases) {
-        fake::Reset();
-        P().nodes = nodes, P().upNodes = up, P().asyncResult = L2VFIB_ERR_FAIL;
-        EXPECT_EQ(L2VFIB_ResetMacAddr(&value), L2VFIB_OK);
-        std::vector<uint32_t> called;
-        for (const auto &c : P().controls) {
-            EXPECT_EQ(Fields(c), Fields({true, c.target, 0x440003, msg, 0, false, false}));
-            called.push_back(c.target);
-        }
-        EXPECT_EQ(called, targets);
-        const auto asked = nodes.value_or(std::vector<uint16_t>{});
-        EXPECT_EQ(P().upQueries, std::vector<uint32_t>(asked.begin(), asked.end()));
-    }
-    fake::Reset();
+    P().nodes = {{5, 0x8001, 3}}, P().upNodes = {3, 5, 9}, P().asyncResult = L2VFIB_ERR_FAIL;
+    EXPECT_EQ(L2VFIB_ResetMacAddr(&value), L2VFIB_OK);
+    EXPECT_EQ(P().upQueries, (std::vector<uint32_t>{5, 0x8001, 3}));
+    ASSERT_EQ(P().controls.size(), 2u);
+    EXPECT_EQ(Fields(P().controls[0]), Fields({true, 5, 0x440003, msg, 0, false, false}));
+    EXPECT_EQ(Fields(P().controls[1]), Fields({true, 3, 0x440003, msg, 0, false, false}));
+    fake::Reset();  // no node list
+    EXPECT_EQ(L2VFIB_ResetMacAddr(&value), L2VFIB_OK);
     EXPECT_EQ(L2VFIB_ResetMacAddr(nullptr), L2VFIB_ERR_FAIL);
-    EXPECT_EQ(P().nodeQueries, 0);
+    EXPECT_EQ(P().nodeQueries, 1);
+    EXPECT_TRUE(P().controls.empty());
 }
 
 // Sent at once, blocking, again on EINTR; only all 8 bytes succeed.

@@ -76,41 +76,11 @@ const Row kRows[] = {
     {"DfDel", CALL(L2VFIB_DelEBGDf(fd, 8, &kDf)), 28, "00 1f 00 14 00 00 07 08 | " + kDfItem},
 };
 
-class Overlay : public OpenLibraryTest {
-  protected:
-    // Sends the queue, then queues zeros until free bytes are left.
-    void Leave(size_t free) {
-        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-        P().ClearRecords();
-        l2vfib_Batch->used = static_cast<uint16_t>(L2VFIB_BATCH_SIZE - free);
-    }
-};
-
+using Overlay = OpenLibraryTest;
 class Queues : public Overlay, public ::testing::WithParamInterface<Row> {};
 
-// One byte short of its room, a call sends the queue first, and a failed
-// send changes nothing. Closed, it answers L2VFIB_ERR_NOT_OPEN.
 TEST_P(Queues, ItsMessageWhereItFits) {
-    const Row &row = GetParam();
-    const Bytes message = Hex(row.message);
-    ASSERT_EQ(row.call(fd_), L2VFIB_OK);
-    EXPECT_EQ(ToHex(Queued()), ToHex(message));
-    if (row.needed != 0) {
-        Leave(row.needed);
-        ASSERT_EQ(row.call(fd_), L2VFIB_OK);
-        EXPECT_EQ(Queued(), Bytes(L2VFIB_BATCH_SIZE - row.needed, 0) + message);
-        Leave(row.needed - 1);
-        P().sendResults = {-EAGAIN};
-        EXPECT_EQ(row.call(fd_), L2VFIB_ERR_FAIL);
-        EXPECT_EQ(Area(), Bytes(L2VFIB_BATCH_SIZE, 0));
-        ASSERT_EQ(row.call(fd_), L2VFIB_OK);
-        ASSERT_EQ(P().sends.size(), 2u);
-        EXPECT_EQ(P().sends[1].data, Bytes(L2VFIB_BATCH_SIZE + 1 - row.needed, 0));
-        EXPECT_EQ(P().sends[1].flags, MSG_DONTWAIT);
-        EXPECT_EQ(ToHex(Queued()), ToHex(message));
-    }
-    L2VFIB_Close(fd_);
-    EXPECT_EQ(row.call(fd_), L2VFIB_ERR_NOT_OPEN);
+    ExpectQueued(GetParam().call, Hex(GetParam().message), GetParam().needed);
 }
 
 INSTANTIATE_TEST_SUITE_P(Messages, Queues, ::testing::ValuesIn(kRows),

@@ -4,6 +4,7 @@
 #   make test-cross   unit tests cross-built for armhf and s390x, run under qemu,
 #                     then the footprint check (armhf release text <= 24 KiB)
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
+#   make demo         the example daemon against the emulated device
 #   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
 #   make bench        benchmarks: wall time, then the instruction table
 #   make build        just build (build/)
@@ -19,7 +20,7 @@ CTEST ?= ctest
 CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
-.PHONY: all build test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
+.PHONY: all build demo test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
 .PHONY: bench deps-bench fuzz-long footprint
 
 all: build
@@ -39,6 +40,9 @@ deps-bench:
 build: deps
 	$(CMAKE) -S . -B build
 	$(CMAKE) --build build -j$(JOBS)
+
+demo: build
+	@sh scripts/demo.sh build
 
 test: test-plain test-asan
 

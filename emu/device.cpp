@@ -1,0 +1,599 @@
+// How the emulated device applies what it receives. Entry tables follow
+// the opcode: 5 adds or replaces, 7 deletes, and any other opcode (one the
+// library only carries) is logged and the object kept as sent, with the
+// opcode beside it. Member sets (EBG, MPLS EBG) grow with 5 and shrink with
+// 7; a delete without members removes the group. Logs (MAC, graceful
+// restart, tunnel interfaces, control calls) keep every message in order.
+#include "device.h"
+
+#include <fmt/format.h>
+
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+#include "control_proto.h"
+#include "wire.h"
+
+namespace l2vfib::emu {
+
+using decode::Field;
+using decode::FieldKind;
+using decode::Item;
+using decode::Kind;
+using decode::Message;
+
+namespace {
+
+constexpr uint8_t kAdd = 5;
+constexpr uint8_t kDelete = 7;
+constexpr size_t kLogTail = 200;
+constexpr size_t kSeenPeers = 4096;
+// The result a bad request gets (the library's code for any failure).
+constexpr uint32_t kBadRequestResult = 0x40010001;
+// The most 16-byte entries one 4096-byte AC data answer holds.
+constexpr size_t kAcDataMax = (host::kMaxDatagram - 12 - 8 - 8 - 4) / 16;
+
+Json FieldJson(const Field &field) {
+    if (field.kind == FieldKind::kNumber) return field.number;
+    return field.Text();
+}
+
+// An item's decoded fields as one object (a repeated name gets "#2", ...),
+// or its value in hex when the decoder named nothing in it.
+Json ItemJson(const Item &item) {
+    if (item.fields.empty()) return decode::ToHex(item.value);
+    Json object = Json::object();
+    for (const Field &field : item.fields) {
+        std::string name = field.name;
+        for (int n = 2; object.contains(name); ++n) name = fmt::format("{}#{}", field.name, n);
+        object[name] = FieldJson(field);
+    }
+    return object;
+}
+
+// Every item but the key item, as "tlvNN": fields.
+void PutItems(Json &fields, const Message &message, uint16_t skip) {
+    for (const Item &item : message.items) {
+        if (item.type == skip) continue;
+        std::string name = fmt::format("tlv{}", item.type);
+        for (int n = 2; fields.contains(name); ++n) name = fmt::format("tlv{}#{}", item.type, n);
+        fields[name] = ItemJson(item);
+    }
+}
+
+// A key as numbers (for order) and as text ("7/1").
+struct Key {
+    std::vector<uint64_t> numbers;
+    std::string text;
+};
+
+void AddToKey(Key &key, const Field &field) {
+    if (!key.text.empty()) key.text += '/';
+    key.text += field.Text();
+    uint64_t number = field.number;
+    if (field.kind != FieldKind::kNumber) {
+        number = 0;
+        for (size_t i = 0; i < field.bytes.size() && i < 8; ++i) number = (number << 8) | field.bytes[i];
+    }
+    key.numbers.push_back(number);
+}
+
+Key KeyOf(const std::vector<Field> &fields) {
+    Key key;
+    for (const Field &field : fields) AddToKey(key, field);
+    return key;
+}
+
+// The key of a message: the decoder's, or else the numbers of its first
+// item (a catalogue object named by its only value).
+Key MessageKey(const Message &message) {
+    if (!message.key.empty()) return KeyOf(message.key);
+    if (!message.items.empty()) return KeyOf(message.items.front().fields);
+    return {};
+}
+
+uint16_t KeyItemOf(Kind kind) {
+    switch (kind) {
+        case Kind::kPw: return 10;
+        case Kind::kMinM: return 40;
+        case Kind::kAc: return 20;
+        case Kind::kOverlayTunnel: return 70;
+        default: return 0;
+    }
+}
+
+
+}  // namespace
+
+bool IsAnsweredCode(uint32_t code) {
+    static const std::set<uint32_t> kAnswered{4,  6,  7,  8,  18, 19, 26, 27, 29, 30, 34, 35, 42,
+                                              44, 50, 51, 52, 53, 60, 81, 82, 83, 86, 87, 91};
+    return kAnswered.contains(code);
+}
+
+std::string PeerText(const Peer &peer) {
+    // sockaddr_un: the family, then the path; an abstract name starts with 0.
+    constexpr size_t kPath = offsetof(sockaddr_un, sun_path);
+    if (peer.size() <= kPath) return "(unnamed)";
+    const std::string path = peer.substr(kPath);
+    if (path[0] == '\0') return "@" + path.substr(1);
+    return path.substr(0, path.find('\0'));
+}
+
+Device::Device(std::function<void(const std::string &)> log) : log_(std::move(log)) {
+    order_ = {&pw_,  &minm_, &ac_,  &acFlag_,  &tunnel_,  &tunnelIf_, &ebg_, &mplsEbg_,
+              &ebgDf_, &mac_, &gr_, &cfg_, &channel_, &reg_, &control_, &log_tail_};
+}
+
+void Device::Log(const std::string &line) {
+    if (log_) log_(line);
+    log_tail_.Append(Row{"", Json{{"text", line}}});
+    while (log_tail_.Size() > kLogTail) {
+        auto first = log_tail_.Rows().begin()->first;
+        log_tail_.Erase(first);
+    }
+}
+
+void Device::DropClient(const Peer &peer) {
+    std::erase(clients_, peer);
+    Log(fmt::format("{} is gone", PeerText(peer)));
+}
+
+Table *Device::FindTable(const std::string &name) {
+    for (Table *table : order_)
+        if (table->Name() == name) return table;
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Forwarding service
+// ---------------------------------------------------------------------------
+
+std::vector<Outgoing> Device::Forwarding(const Peer &from, std::span<const uint8_t> datagram) {
+    ++counters_.datagrams;
+    const decode::Decoded decoded = decode::Decode(datagram, decode::Channel::kToService);
+    const bool fresh = !seen_.contains(from);
+    if (fresh) {
+        seen_.insert(from);
+        seenOrder_.push_back(from);
+        if (seenOrder_.size() > kSeenPeers) {
+            seen_.erase(seenOrder_.front());
+            seenOrder_.pop_front();
+        }
+    }
+    bool messageFault = false;
+    for (const Message &message : decoded.messages) {
+        ++counters_.messages;
+        if (message.error) {
+            ++counters_.errors;
+            messageFault = true;
+            Log(fmt::format("bad message from {} ({} bytes): {} [{} at offset {}], skipped",
+                            PeerText(from), datagram.size(), message.error.text,
+                            decode::ErrcName(message.error.code), message.error.offset));
+            continue;
+        }
+        Log(fmt::format("{} > {}", PeerText(from), decode::Render(message)));
+        Apply(message);
+    }
+    if (decoded.error && !messageFault) {
+        ++counters_.errors;
+        Log(fmt::format("bad datagram from {} ({} bytes): {} [{} at offset {}]", PeerText(from),
+                        datagram.size(), decoded.error.text, decode::ErrcName(decoded.error.code),
+                        decoded.error.offset));
+    }
+
+    std::vector<Outgoing> out;
+    if (decoded.ok() && decoded.messages.size() == 1) {
+        if (auto answer = Answer(from, decoded.messages.front(), fresh)) out.push_back(std::move(*answer));
+    } else if (!decoded.ok() && fresh && decoded.messages.size() <= 1) {
+        // A bad request on a fresh socket: its sender waits for a reply, so
+        // it gets a failure rather than silence.
+        const uint16_t objType = decoded.messages.empty() ? 0 : decoded.messages.front().objType;
+        const uint8_t opcode = decoded.messages.empty() ? 0 : decoded.messages.front().opcode;
+        ++counters_.replies;
+        Log(fmt::format("{} < reply 37 result {:#x} to a bad request", PeerText(from), kBadRequestResult));
+        out.push_back(Outgoing{from, wire::WordMessage(objType, opcode, 37, kBadRequestResult)});
+    }
+    // Every sender but a fresh socket that waits for its reply is a
+    // daemon's service socket: notices go there.
+    const bool requestSocket =
+        fresh && !out.empty() && (decoded.messages.empty() || decoded.messages.front().kind != Kind::kAcQuery);
+    if (!requestSocket && std::find(clients_.begin(), clients_.end(), from) == clients_.end())
+        clients_.push_back(from);
+    return out;
+}
+
+// The answers. The AC data query is answered on the socket it came on. A
+// request that waits for a reply comes alone from a fresh socket: an
+// answered catalogue command gets item 37, an identifier allocation
+// (object type 29) item 184. Everything else is not answered.
+std::optional<Outgoing> Device::Answer(const Peer &from, const Message &message, bool fresh) {
+    if (message.kind == Kind::kAcQuery) {
+        ++counters_.acAnswers;
+        Log(fmt::format("{} < ac data answer, {} entries", PeerText(from),
+                        std::min(acData_.size(), kAcDataMax)));
+        return Outgoing{from, AcDataAnswer()};
+    }
+    if (!fresh || message.kind != Kind::kCatalogue) return std::nullopt;
+    if (message.objType == 29) {
+        const uint32_t identifier = settings_.nextIdentifier++;
+        ++counters_.replies;
+        Log(fmt::format("{} < reply 184 identifier {}", PeerText(from), identifier));
+        return Outgoing{from, wire::WordMessage(message.objType, message.opcode, 184, identifier)};
+    }
+    for (uint8_t code : message.codes) {
+        if (!IsAnsweredCode(code)) continue;
+        const auto set = settings_.answers.find(code);
+        const uint32_t result = set == settings_.answers.end() ? 0 : set->second;
+        ++counters_.replies;
+        Log(fmt::format("{} < reply 37 cfg {} result {:#x}", PeerText(from), code, result));
+        return Outgoing{from, wire::WordMessage(message.objType, message.opcode, 37, result)};
+    }
+    return std::nullopt;
+}
+
+Bytes Device::AcDataAnswer() const {
+    Bytes entries;
+    uint32_t count = 0;
+    for (const auto &[key, entry] : acData_) {
+        if (count == kAcDataMax) break;
+        entries.insert(entries.end(), entry.begin(), entry.end());
+        ++count;
+    }
+    return wire::AcDataAnswer(entries, count);
+}
+
+void Device::ApplyEntry(Table &table, const Message &message, std::vector<uint64_t> key,
+                        const std::string &keyText) {
+    if (message.opcode == kDelete) {
+        if (!table.Erase(key)) Log(fmt::format("{} {}: delete of an unknown entry", table.Name(), keyText));
+        return;
+    }
+    Row row{keyText};
+    if (message.kind == Kind::kOverlayTunnel) row.fields["objtype"] = message.objType;
+    row.fields["byte7"] = message.byte7;
+    if (message.opcode != kAdd) {
+        row.fields["op"] = message.opcode;
+        Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), keyText, message.opcode));
+    }
+    PutItems(row.fields, message, KeyItemOf(message.kind));
+    table.Put(key, std::move(row));
+}
+
+void Device::ApplyMembers(Table &table, const Message &message, uint16_t keyItem,
+                          uint16_t memberItem) {
+    const Item *keyValue = message.FindItem(keyItem);
+    Key key = keyValue ? KeyOf(keyValue->fields) : MessageKey(message);
+    // MPLS EBG keys end in an all-ones fill that names nothing.
+    std::vector<std::string> members;
+    for (const Item &item : message.items) {
+        if (item.type != memberItem) continue;
+        members.push_back(KeyOf(item.fields).text);
+    }
+    Row *row = table.Find(key.numbers);
+    std::vector<std::string> set;
+    if (row != nullptr)
+        for (const auto &member : row->fields["members"]) set.push_back(member.get<std::string>());
+    if (message.opcode == kDelete) {
+        if (members.empty()) {
+            table.Erase(key.numbers);
+            return;
+        }
+        std::erase_if(set, [&](const std::string &m) {
+            return std::find(members.begin(), members.end(), m) != members.end();
+        });
+        if (set.empty()) {
+            table.Erase(key.numbers);
+            return;
+        }
+    } else {
+        if (message.opcode != kAdd)
+            Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), key.text,
+                            message.opcode));
+        for (const auto &member : members)
+            if (std::find(set.begin(), set.end(), member) == set.end()) set.push_back(member);
+    }
+    Row updated{key.text};
+    updated.fields["byte7"] = message.byte7;
+    if (message.opcode != kAdd && message.opcode != kDelete) updated.fields["op"] = message.opcode;
+    updated.fields["count"] = set.size();
+    updated.fields["members"] = set;
+    table.Put(key.numbers, std::move(updated));
+}
+
+void Device::Apply(const Message &message) {
+    switch (message.kind) {
+        case Kind::kPw:
+        case Kind::kMinM:
+        case Kind::kOverlayTunnel: {
+            Table &table = message.kind == Kind::kPw     ? pw_
+                           : message.kind == Kind::kMinM ? minm_
+                                                         : tunnel_;
+            Key key = MessageKey(message);
+            if (&table == &tunnel_) key.numbers.insert(key.numbers.begin(), message.objType);
+            ApplyEntry(table, message, key.numbers, key.text);
+            return;
+        }
+        case Kind::kAc: {
+            const Key key = MessageKey(message);
+            ApplyEntry(ac_, message, key.numbers, key.text);
+            if (message.opcode == kDelete) {
+                acData_.erase(key.numbers);
+                return;
+            }
+            // The AC data entry: word0 id, half0 subId, byte0 the
+            // information's byte0, byte1 1 with an option, half1 and half2
+            // the information's half1 and half2, word1 its word0.
+            std::array<uint8_t, 16> entry{};
+            const uint32_t id = key.numbers.size() > 0 ? static_cast<uint32_t>(key.numbers[0]) : 0;
+            const uint32_t sub = key.numbers.size() > 1 ? static_cast<uint32_t>(key.numbers[1]) : 0;
+            Bytes be;
+            wire::Put32(be, id);
+            wire::Put16(be, static_cast<uint16_t>(sub));
+            if (const Item *info = message.FindItem(22); info && info->value.size() >= 44) {
+                const auto &v = info->value;
+                be.push_back(v[8]);
+                be.push_back(message.FindItem(144) ? 1 : 0);
+                be.insert(be.end(), v.begin() + 40, v.begin() + 44);
+                be.insert(be.end(), v.begin() + 4, v.begin() + 8);
+            }
+            be.resize(16, 0);
+            std::copy(be.begin(), be.end(), entry.begin());
+            acData_[key.numbers] = entry;
+            return;
+        }
+        case Kind::kAcFlag: {
+            ++acFlagMessages_;
+            const bool set = message.opcode == 17;
+            acFlag_.Put({0}, Row{"flag", Json{{"state", set ? "set" : "clear"},
+                                              {"opcode", message.opcode},
+                                              {"messages", acFlagMessages_}}});
+            return;
+        }
+        case Kind::kAcQuery: return;  // answered, changes nothing
+        case Kind::kMacWithdraw: {
+            Row row{"", Json{{"action", "withdraw"}, {"entry", MessageKey(message).text}}};
+            mac_.Append(std::move(row));
+            return;
+        }
+        case Kind::kGrEvent:
+            gr_.Append(Row{"", Json{{"opcode", message.opcode},
+                                    {"event", message.opcode == 3 ? "kind 3" : "kind 4"},
+                                    {"byte7", message.byte7}}});
+            return;
+        case Kind::kTunnelIfDel: {
+            const Item *index = message.FindItem(72);
+            const uint32_t ifIndex = index && index->value.size() == 4 ? wire::Get32(index->value.data()) : 0;
+            tunnelIf_.Append(Row{"", Json{{"ifindex", ifIndex},
+                                          {"objtype", message.objType},
+                                          {"byte7", message.byte7}}});
+            return;
+        }
+        case Kind::kEbgMember: ApplyMembers(ebg_, message, 154, 156); return;
+        case Kind::kMplsEbgMember: ApplyMembers(mplsEbg_, message, 202, 204); return;
+        case Kind::kEbgDf: {
+            const Item *words = message.FindItem(153);
+            Key key = words ? KeyOf(words->fields) : MessageKey(message);
+            if (message.opcode == kDelete) {
+                if (!ebgDf_.Erase(key.numbers)) Log(fmt::format("ebg-df {}: delete of an unknown entry", key.text));
+                return;
+            }
+            Row row{key.text, Json{{"byte7", message.byte7}}};
+            if (message.opcode != kAdd) {
+                row.fields["op"] = message.opcode;
+                Log(fmt::format("ebg-df {}: opcode {} carried, kept as sent", key.text, message.opcode));
+            }
+            ebgDf_.Put(key.numbers, std::move(row));
+            return;
+        }
+        case Kind::kCatalogue: {
+            Key key = MessageKey(message);
+            key.numbers.insert(key.numbers.begin(), message.objType);
+            const std::string text = fmt::format("{}:{}", message.objType, key.text.empty() ? "-" : key.text);
+            if (message.opcode == kDelete) {
+                if (!cfg_.Erase(key.numbers)) Log(fmt::format("cfg {}: delete of an unknown object", text));
+                return;
+            }
+            Row row{text};
+            std::vector<int> codes(message.codes.begin(), message.codes.end());
+            row.fields["cmd"] = codes;
+            row.fields["op"] = message.opcode;
+            if (message.opcode != kAdd)
+                Log(fmt::format("cfg {}: opcode {} carried, kept as sent", text, message.opcode));
+            PutItems(row.fields, message, 0);
+            cfg_.Put(key.numbers, std::move(row));
+            return;
+        }
+        default:
+            Log(fmt::format("{}: not a forwarding message, ignored", message.name));
+            return;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Event service
+// ---------------------------------------------------------------------------
+
+void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
+    ++counters_.datagrams;
+    const decode::Decoded decoded = decode::Decode(datagram, decode::Channel::kToEvent);
+    auto [slot, added] = channelIds_.try_emplace(from, nextChannelId_);
+    if (added) ++nextChannelId_;
+    const uint64_t id = slot->second;
+    const std::string who = PeerText(from);
+    bool messageFault = false;
+    for (const Message &message : decoded.messages) {
+        ++counters_.messages;
+        if (message.error) {
+            ++counters_.errors;
+            messageFault = true;
+            Log(fmt::format("bad event message from {}: {} [{} at offset {}], skipped", who,
+                            message.error.text, decode::ErrcName(message.error.code),
+                            message.error.offset));
+            continue;
+        }
+        Log(fmt::format("{} > {}", who, decode::Render(message)));
+        if (message.kind == Kind::kEventChannel) {
+            const Item *word = message.FindItem(0);
+            // The channel word travels in the client's own byte order; the
+            // decoder reads it as this host's.
+            const uint64_t value = word && !word->fields.empty() ? word->fields.front().number : 0;
+            if (message.opcode == kDelete) {
+                channel_.Erase({id});
+                for (auto it = reg_.Rows().begin(); it != reg_.Rows().end();) {
+                    auto next = std::next(it);
+                    if (it->first.front() == id) reg_.Erase(it->first);
+                    it = next;
+                }
+                Log(fmt::format("channel {} closed (word {})", who, value));
+            } else {
+                channel_.Put({id}, Row{who, Json{{"word", value}, {"state", "open"}}});
+            }
+        } else if (message.kind == Kind::kEventReg) {
+            const Item *reg = message.FindItem(1);
+            const Item *param = message.FindItem(4);
+            std::vector<uint64_t> selector;
+            uint64_t mask = 0, extra = 0;
+            if (reg != nullptr && reg->value.size() >= 16) {
+                for (int i = 0; i < 3; ++i) selector.push_back(wire::Get32(reg->value.data() + 4 * i));
+                mask = wire::Get16(reg->value.data() + 12);
+                extra = wire::Get16(reg->value.data() + 14);
+            }
+            const uint64_t eventParam =
+                param != nullptr && param->value.size() >= 4 ? wire::Get32(param->value.data()) : 0;
+            if (message.opcode == kDelete) {
+                // A deregistration names selector word 0 and the mask.
+                bool removed = false;
+                for (auto it = reg_.Rows().begin(); it != reg_.Rows().end();) {
+                    auto next = std::next(it);
+                    const Json &f = it->second.fields;
+                    if (it->first.front() == id && !selector.empty() &&
+                        f["selector"][0] == selector[0] && f["mask"] == mask) {
+                        reg_.Erase(it->first);
+                        removed = true;
+                    }
+                    it = next;
+                }
+                if (!removed) Log(fmt::format("deregistration from {} matches nothing", who));
+            } else {
+                if (!channel_.Find({id})) Log(fmt::format("registration from {} without an open channel", who));
+                Json fields{{"selector", selector}, {"mask", mask}, {"param", eventParam}, {"extra", extra}};
+                reg_.Put({id, nextReg_}, Row{fmt::format("{}/{}", who, nextReg_), fields});
+                ++nextReg_;
+            }
+        }
+    }
+    if (decoded.error && !messageFault) {
+        ++counters_.errors;
+        Log(fmt::format("bad event datagram from {}: {} [{} at offset {}]", who, decoded.error.text,
+                        decode::ErrcName(decoded.error.code), decoded.error.offset));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Control calls and device services
+// ---------------------------------------------------------------------------
+
+std::optional<Bytes> Device::Control(std::span<const uint8_t> request) {
+    host::ControlRequest call{};
+    if (!host::DecodeRequest(request.data(), request.size(), &call)) {
+        ++counters_.errors;
+        Log(fmt::format("bad control request ({} bytes), dropped", request.size()));
+        return std::nullopt;
+    }
+    ++counters_.controls;
+    host::ControlAnswer answer{};
+    answer.op = call.op;
+    answer.sequence = call.sequence;
+    Bytes data;
+    const std::span<const uint8_t> input(call.input, call.inputLength);
+    switch (call.op) {
+        case host::kOpIoctl:
+        case host::kOpIoctlAsync: {
+            const bool async = call.op == host::kOpIoctlAsync;
+            std::string what = fmt::format("code {:#x}", call.arg1);
+            switch (call.arg1) {
+                case 0x440002: {
+                    what = "capabilities";
+                    data.assign(64, 0);
+                    data[8] = settings_.fill22;
+                    data[9] = settings_.fill13;
+                    data[10] = settings_.fill21;
+                    data[11] = settings_.fill33;
+                    data[40] = settings_.fill39;
+                    if (data.size() > call.arg2) data.resize(call.arg2);
+                    break;
+                }
+                case 0x440003: {
+                    what = "mac reset";
+                    const decode::Decoded reset = decode::DecodeControl(call.arg1, input);
+                    uint64_t value = 0;
+                    if (!reset.ok()) {
+                        ++counters_.errors;
+                        Log(fmt::format("bad mac reset for node {:#06x}: {}", call.arg0, reset.error.text));
+                        answer.result = 1;
+                    } else if (const Item *item = reset.messages.front().FindItem(34);
+                               item && item->value.size() == 4) {
+                        value = wire::Get32(item->value.data());
+                    }
+                    if (reset.ok())
+                        mac_.Append(Row{"", Json{{"action", "reset"},
+                                                 {"node", fmt::format("{:#06x}", call.arg0)},
+                                                 {"value", value}}});
+                    break;
+                }
+                case 0x440005: what = "start"; break;
+                case 0x440006: what = "stop"; break;
+                case 0x44000c: what = "vlan range check"; break;
+                default: answer.result = 1; break;
+            }
+            Json fields{{"call", what},
+                        {"node", fmt::format("{:#06x}", call.arg0)},
+                        {"async", async},
+                        {"input", input.empty() ? std::string("-") : decode::ToHex(input)},
+                        {"result", answer.result}};
+            control_.Append(Row{"", std::move(fields)});
+            Log(fmt::format("control {} to node {:#06x} ({} input bytes): result {}", what, call.arg0,
+                            input.size(), answer.result));
+            if (async) return std::nullopt;
+            break;
+        }
+        case host::kOpGetAllNodes: {
+            std::vector<uint16_t> nodes;
+            for (const auto &[node, up] : settings_.nodes) nodes.push_back(static_cast<uint16_t>(node));
+            data.resize(nodes.size() * 2);
+            host::EncodeNodeList(nodes.data(), static_cast<uint32_t>(nodes.size()), data.data(), data.size());
+            break;
+        }
+        case host::kOpIsNodeUp: {
+            const auto node = settings_.nodes.find(call.arg0);
+            answer.result = node != settings_.nodes.end() && node->second ? 1 : 0;
+            break;
+        }
+        case host::kOpGetLocalLip: answer.result = settings_.localNode; break;
+        case host::kOpTunnelGetMode: {
+            const auto mode = settings_.tunnelModes.find(call.arg0);
+            if (mode == settings_.tunnelModes.end()) {
+                answer.result = 1;
+                Log(fmt::format("tunnel mode of unknown interface {}", call.arg0));
+            } else {
+                data.resize(4);
+                host::PutWord(mode->second, data.data());
+            }
+            break;
+        }
+        default: return std::nullopt;
+    }
+    answer.data = data.data();
+    answer.dataLength = static_cast<uint32_t>(data.size());
+    Bytes out(host::kMaxDatagram);
+    const size_t length = host::EncodeAnswer(answer, out.data(), out.size());
+    if (length == 0) return std::nullopt;
+    out.resize(length);
+    return out;
+}
+
+}  // namespace l2vfib::emu

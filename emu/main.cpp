@@ -1,0 +1,186 @@
+// l2vfib-emu: the emulated device on a Linux host, and the commands that
+// look into it and steer it while it runs.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "server.h"
+
+using l2vfib::emu::Json;
+
+namespace {
+
+// Sends request to the running device and prints its answer: text as is,
+// or the JSON rows with json. Returns the exit status.
+int Ask(const Json &request, bool json = false, const char *member = "rows") {
+    std::string error;
+    const auto response = l2vfib::emu::Steer(request, &error);
+    if (!response) {
+        fmt::print(stderr, "l2vfib-emu: {}\n", error);
+        return 1;
+    }
+    if (!response->value("ok", false)) {
+        fmt::print(stderr, "l2vfib-emu: {}\n", response->value("error", "refused"));
+        return 1;
+    }
+    if (json) {
+        const Json &rows = response->contains(member) ? (*response)[member] : *response;
+        fmt::print("{}\n", rows.dump(2));
+    } else if (response->contains("text")) {
+        fmt::print("{}", (*response)["text"].get<std::string>());
+    } else if (response->contains("sent")) {
+        fmt::print("sent to {}\n", (*response)["sent"].get<uint64_t>());
+    }
+    return 0;
+}
+
+// A number as typed: decimal, or hex with 0x.
+uint64_t Number(const std::string &text, const char *what) {
+    size_t used = 0;
+    uint64_t value = 0;
+    try {
+        value = std::stoull(text, &used, 0);
+    } catch (const std::exception &) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size())
+        throw std::runtime_error(fmt::format("{}: not a number: '{}'", what, text));
+    return value;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{
+        "l2vfib-emu: the emulated forwarding table device (forwarding service, event service,\n"
+        "control calls) in the device directory: $L2VFIB_DEVICE_DIR, else $XDG_RUNTIME_DIR/l2vfib,\n"
+        "else /tmp/l2vfib-<uid>."};
+    app.require_subcommand(1);
+    int status = 0;
+
+    l2vfib::emu::StartOptions start;
+    auto *startCmd = app.add_subcommand("start", "run the emulated device (in the background unless --foreground)");
+    startCmd->add_flag("--foreground,-f", start.foreground, "stay in the foreground, log to stderr");
+    startCmd->add_option("--capture", start.capture, "write every datagram to this pcap file");
+    startCmd->callback([&] { status = l2vfib::emu::Start(start); });
+
+    app.add_subcommand("stop", "stop the running device and remove its sockets")->callback([&] {
+        status = l2vfib::emu::Stop();
+    });
+
+    app.add_subcommand("status", "tell whether a device runs, and its counters")->callback([&] {
+        std::string error;
+        const auto response = l2vfib::emu::Steer(Json{{"cmd", "status"}}, &error);
+        if (!response) {
+            fmt::print("{}\n", error);
+            status = 1;
+            return;
+        }
+        fmt::print("running in {}\n", l2vfib::emu::DeviceDirectory());
+        status = Ask(Json{{"cmd", "show"}, {"table", "counters"}});
+    });
+
+    std::string table = "all";
+    bool json = false;
+    auto *show = app.add_subcommand("show", "print a table");
+    show->add_option("table", table,
+                     "all, pw, minm, ac, ac-flag, tunnel, tunnel-if, ebg, mpls-ebg, ebg-df, mac, gr,\n"
+                     "cfg, channel, reg, control, node, tunnel-mode, caps, answer, counters, log")
+        ->capture_default_str();
+    show->add_flag("--json,-j", json, "JSON instead of aligned text");
+    show->callback([&] {
+        status = Ask(Json{{"cmd", "show"}, {"table", table}}, json, table == "all" ? "tables" : "rows");
+    });
+
+    auto *counters = app.add_subcommand("counters", "datagrams, messages, faults and answers");
+    counters->add_flag("--json,-j", json, "JSON instead of aligned text");
+    counters->callback([&] { status = Ask(Json{{"cmd", "show"}, {"table", "counters"}}, json); });
+
+    uint32_t code = 0;
+    std::string result;
+    auto *answer = app.add_subcommand("answer", "set the result (item 37) that an answered command gets");
+    answer->add_option("code", code, "catalogue code")->required();
+    answer->add_option("result", result, "the result, a number (0x.. for hex); 'default' for 0")->required();
+    answer->callback([&] {
+        Json request{{"cmd", "answer"}, {"code", code}, {"result", nullptr}};
+        if (result != "default") request["result"] = Number(result, "result");
+        status = Ask(request);
+    });
+
+    std::string value;
+    auto *notice = app.add_subcommand("notice", "send a notice (item 36) to every client");
+    notice->add_option("value", value, "the notice's value")->required();
+    notice->callback([&] { status = Ask(Json{{"cmd", "notice"}, {"value", Number(value, "value")}}); });
+
+    uint32_t type = 3;
+    std::string tag = "0", hex, mask;
+    std::vector<std::string> words;
+    auto *event = app.add_subcommand("event", "send an event to the channels registered for it");
+    event->add_option("type", type, "event item type: 2, 3 or 6")->required();
+    event->add_option("--tag", tag, "the header's tag");
+    event->add_option("--words,-w", words,
+                      "the record's numbers in order (3: word0 word1 half0; 6: word0 word1;\n"
+                      "2: word0 word1 kind half0 word2 word3 word4 half1 word5 word6 word7 word8)");
+    event->add_option("--hex", hex, "the item's value as hex bytes instead");
+    event->add_option("--mask", mask, "only channels whose registration mask shares a bit");
+    event->callback([&] {
+        Json request{{"cmd", "event"}, {"type", type}, {"tag", Number(tag, "tag")}};
+        if (!hex.empty()) request["hex"] = hex;
+        Json numbers = Json::array();
+        for (const auto &w : words) numbers.push_back(Number(w, "word"));
+        request["words"] = numbers;
+        if (!mask.empty()) request["mask"] = Number(mask, "mask");
+        status = Ask(request);
+    });
+
+    std::string node, state;
+    auto *nodeCmd = app.add_subcommand("node", "set a node up or down, or remove it from the node list");
+    nodeCmd->add_option("node", node, "node number (0x.. for hex)")->required();
+    nodeCmd->add_option("state", state, "up, down or remove")->required();
+    nodeCmd->callback([&] {
+        status = Ask(Json{{"cmd", "node"}, {"node", Number(node, "node")}, {"state", state}});
+    });
+
+    uint32_t ifIndex = 0;
+    std::string mode;
+    auto *tunnel = app.add_subcommand("tunnel-mode", "set the tunnel mode of a tunnel interface");
+    tunnel->add_option("ifindex", ifIndex, "interface index")->required();
+    tunnel->add_option("mode", mode, "the mode; 'none' forgets the interface")->required();
+    tunnel->callback([&] {
+        Json request{{"cmd", "tunnel-mode"}, {"ifindex", ifIndex}, {"mode", nullptr}};
+        if (mode != "none") request["mode"] = Number(mode, "mode");
+        status = Ask(request);
+    });
+
+    std::map<std::string, int> fills;
+    auto *caps = app.add_subcommand("caps", "set the capability counts (words of all-ones fill)");
+    for (const char *name : {"fill13", "fill21", "fill22", "fill33", "fill39"})
+        caps->add_option(std::string("--") + name, fills[name], std::string("words for ") + name);
+    caps->callback([&] {
+        Json request{{"cmd", "caps"}};
+        for (const auto &[name, count] : fills)
+            if (caps->count(std::string("--") + name) != 0) request[name] = count;
+        status = Ask(request);
+    });
+
+    uint32_t next = 1;
+    auto *ident = app.add_subcommand("ident", "set the next identifier to allocate (item 184)");
+    ident->add_option("next", next, "the next identifier")->required();
+    ident->callback([&] { status = Ask(Json{{"cmd", "ident"}, {"next", next}}); });
+
+    app.add_subcommand("clear", "empty every table and the counters")->callback([&] {
+        status = Ask(Json{{"cmd", "clear"}});
+    });
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        return app.exit(e);
+    } catch (const std::exception &e) {
+        fmt::print(stderr, "l2vfib-emu: {}\n", e.what());
+        return 2;
+    }
+    return status;
+}

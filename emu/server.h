@@ -1,0 +1,44 @@
+// The emulated device's process: its sockets in the device directory, the
+// poll loop that feeds the device, the steering socket, and the client
+// side of that socket that the other subcommands use.
+//
+//   <device directory>/node-8000.port-2670    forwarding service (datagrams)
+//   <device directory>/node-0001.port-12566   event service (datagrams)
+//   <device directory>/control                control calls (datagrams)
+//   <device directory>/emu.sock               steering (stream, JSON lines)
+//   <device directory>/emu.pid, emu.log       while it runs in the background
+#ifndef L2VFIB_EMU_SERVER_H
+#define L2VFIB_EMU_SERVER_H
+
+#include <optional>
+#include <string>
+
+#include "table.h"
+
+namespace l2vfib::emu {
+
+struct StartOptions {
+    bool foreground = false;
+    std::string capture;  // a pcap file of every datagram, or empty
+};
+
+// Runs the device until it is stopped (the stop command, SIGTERM, SIGINT).
+// In the background, returns in the parent once the device answers on its
+// steering socket. Returns the process's exit status.
+int Start(const StartOptions &options);
+
+// The device directory, or an empty string (with a message on stderr) when
+// it cannot be named.
+std::string DeviceDirectory();
+
+// Sends one steering request to the running device and returns its
+// response; nothing, with *error set, when no device answers.
+std::optional<Json> Steer(const Json &request, std::string *error);
+
+// Stops the running device and waits for it to go. Returns 0 also when none
+// was running (its stale files are removed then).
+int Stop();
+
+}  // namespace l2vfib::emu
+
+#endif

@@ -1,0 +1,84 @@
+#include "table.h"
+
+#include <algorithm>
+
+namespace l2vfib::emu {
+
+Row &Table::Put(const std::vector<uint64_t> &key, Row row) {
+    Row &slot = rows_[key];
+    slot = std::move(row);
+    return slot;
+}
+
+Row *Table::Find(const std::vector<uint64_t> &key) {
+    auto it = rows_.find(key);
+    return it == rows_.end() ? nullptr : &it->second;
+}
+
+bool Table::Erase(const std::vector<uint64_t> &key) { return rows_.erase(key) != 0; }
+
+Row &Table::Append(Row row) {
+    if (row.key.empty()) row.key = std::to_string(next_);
+    return Put({next_++}, std::move(row));
+}
+
+std::string FieldText(const Json &value) {
+    if (value.is_string()) return value.get<std::string>();
+    if (value.is_array()) {
+        std::string out;
+        for (const auto &element : value) {
+            if (!out.empty()) out += ',';
+            out += FieldText(element);
+        }
+        return out.empty() ? "-" : out;
+    }
+    if (value.is_object()) {
+        std::string out;
+        for (const auto &[name, element] : value.items()) {
+            if (!out.empty()) out += ',';
+            out += name + "=" + FieldText(element);
+        }
+        return out;
+    }
+    return value.dump();
+}
+
+std::string Table::Text() const {
+    // Cells: the key, then "name value" per field ("text" fields print as
+    // their value alone). Every cell but a row's last is padded to the
+    // widest of its column.
+    std::vector<std::vector<std::string>> lines;
+    std::vector<size_t> widths;
+    for (const auto &[key, row] : rows_) {
+        std::vector<std::string> cells{row.key};
+        for (const auto &[name, value] : row.fields.items())
+            cells.push_back(name == "text" ? FieldText(value) : name + " " + FieldText(value));
+        for (size_t i = 0; i < cells.size(); ++i) {
+            if (widths.size() <= i) widths.push_back(0);
+            widths[i] = std::max(widths[i], cells[i].size());
+        }
+        lines.push_back(std::move(cells));
+    }
+    std::string out;
+    for (auto &cells : lines) {
+        for (size_t i = 0; i < cells.size(); ++i) {
+            out += cells[i];
+            if (i + 1 < cells.size()) out += std::string(widths[i] - cells[i].size() + 2, ' ');
+        }
+        out += "\n";
+    }
+    return out;
+}
+
+Json Table::ToJson() const {
+    Json out = Json::array();
+    for (const auto &[key, row] : rows_) {
+        Json object = Json::object();
+        object["key"] = row.key;
+        for (const auto &[name, value] : row.fields.items()) object[name] = value;
+        out.push_back(std::move(object));
+    }
+    return out;
+}
+
+}  // namespace l2vfib::emu

@@ -1,0 +1,72 @@
+#!/bin/sh
+# make demo: the example daemon against the emulated device, in a fresh
+# device directory, leaving nothing running.
+# Usage: demo.sh BUILD_DIR
+set -eu
+build=${1:-build}
+emu="$build/emu/l2vfib-emu"
+daemon="$build/examples/fib_daemon"
+for f in "$emu" "$daemon"; do
+    if [ ! -x "$f" ]; then
+        echo "demo: $f was not built (the example daemon is built once the library" >&2
+        echo "      exports every function it calls: see the cmake output)" >&2
+        exit 1
+    fi
+done
+
+step() { printf '\n== %s\n' "$*"; }
+
+L2VFIB_DEVICE_DIR=$(mktemp -d /tmp/l2vfib-demo.XXXXXX)
+export L2VFIB_DEVICE_DIR
+daemon_pid=""
+cleanup() {
+    [ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null || true
+    "$emu" stop >/dev/null 2>&1 || true
+    rm -rf "$L2VFIB_DEVICE_DIR"
+}
+trap cleanup EXIT INT TERM
+
+step "starting the emulated device in $L2VFIB_DEVICE_DIR"
+echo "\$ l2vfib-emu start"
+"$emu" start
+
+step "running the example daemon (examples/fib_daemon.c)"
+echo "\$ fib_daemon 10 &"
+"$daemon" 10 &
+daemon_pid=$!
+
+# Once the daemon has registered for events, send it a notice and an event.
+tries=0
+until [ "$("$emu" show reg --json | grep -c '"key"')" -gt 0 ]; do
+    tries=$((tries + 1))
+    if [ $tries -gt 100 ] || ! kill -0 "$daemon_pid" 2>/dev/null; then
+        echo "demo: the daemon did not register for events" >&2
+        exit 1
+    fi
+    sleep 0.1
+done
+echo "\$ l2vfib-emu notice 0x2a"
+"$emu" notice 0x2a
+echo "\$ l2vfib-emu event 3 --tag 7 -w 1 -w 2 -w 3"
+"$emu" event 3 --tag 7 -w 1 -w 2 -w 3
+status=0
+wait "$daemon_pid" || status=$?
+daemon_pid=""
+if [ $status -ne 0 ]; then
+    echo "demo: the daemon failed ($status)" >&2
+    exit $status
+fi
+
+step "the tables the daemon programmed"
+echo "\$ l2vfib-emu show"
+"$emu" show
+echo "\$ l2vfib-emu counters"
+"$emu" counters
+
+step "stopping the emulated device"
+echo "\$ l2vfib-emu stop"
+"$emu" stop
+echo
+echo "demo: done. Try it yourself:"
+echo "  export L2VFIB_DEVICE_DIR=/tmp/my-device"
+echo "  $emu start && $daemon 0 && $emu show pw && $emu stop"

@@ -1,0 +1,52 @@
+// The emulated device for integration tests: a fresh device directory and
+// a foreground l2vfib-emu per test, stopped (and killed if need be) after
+// it, so nothing is left running.
+#ifndef L2VFIB_TESTS_EMU_FIXTURE_H
+#define L2VFIB_TESTS_EMU_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "table.h"
+
+namespace emut {
+
+using Bytes = std::vector<uint8_t>;
+using l2vfib::emu::Json;
+
+Bytes Hex(const std::string &text);
+
+class EmuTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // One steering request; fails the test when the device does not answer.
+    Json Steer(const Json &request);
+    // A table's aligned text, and its rows.
+    std::string Text(const std::string &table);
+    Json Rows(const std::string &table);
+    uint64_t Counter(const std::string &name);
+    // The device's log since it started.
+    std::string Log();
+
+    // A datagram sent from a socket of the test's own (a new one with
+    // freshSocket) to the forwarding service (node 0x8000, port 2670) or the
+    // event service; Answer reads
+    // what comes back on that socket within a second (empty when nothing).
+    void SendRaw(const Bytes &datagram, bool toEvents = false, bool freshSocket = false);
+    Bytes Answer();
+
+    // Options for `l2vfib-emu start --foreground`, set before SetUp.
+    std::vector<std::string> startOptions_;
+    std::string dir_;
+    int pid_ = -1;
+    int raw_ = -1;
+};
+
+}  // namespace emut
+
+#endif

@@ -7,23 +7,7 @@
 namespace emut {
 namespace {
 
-class EntriesOnEmu : public EmuTest {
-  protected:
-    void SetUp() override {
-        EmuTest::SetUp();
-        fd_ = L2VFIB_Open(nullptr);
-        ASSERT_GE(fd_, 0);
-    }
-    void TearDown() override {
-        if (fd_ >= 0) EXPECT_EQ(L2VFIB_Close(fd_), 0);
-        EmuTest::TearDown();
-    }
-    void Flush() {
-        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-        Steer(Json{{"cmd", "status"}});
-    }
-    int32_t fd_ = -1;
-};
+using EntriesOnEmu = OpenOnEmu;
 
 TEST_F(EntriesOnEmu, Pseudowires) {
     const L2VFIB_LpwSubEntry sub = {1, 2, 3, 4, 5, 6, 7, 8, 9};

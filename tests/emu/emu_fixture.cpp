@@ -134,4 +134,20 @@ Bytes EmuTest::Answer() {
     return buffer;
 }
 
+void OpenOnEmu::SetUp() {
+    EmuTest::SetUp();
+    fd_ = L2VFIB_Open(callback_);
+    ASSERT_GE(fd_, 0);
+}
+
+void OpenOnEmu::TearDown() {
+    if (fd_ >= 0) EXPECT_EQ(L2VFIB_Close(fd_), 0);
+    EmuTest::TearDown();
+}
+
+void OpenOnEmu::Flush() {
+    ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
+    Steer(Json{{"cmd", "status"}});
+}
+
 }  // namespace emut

@@ -12,6 +12,8 @@
 
 #include "table.h"
 
+#include "l2vfib.h"
+
 namespace emut {
 
 using Bytes = std::vector<uint8_t>;
@@ -45,6 +47,17 @@ class EmuTest : public ::testing::Test {
     std::string dir_;
     int pid_ = -1;
     int raw_ = -1;
+};
+
+// The library opened on the device with callback_; closed after the test.
+class OpenOnEmu : public EmuTest {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Sends the batch and waits until the device has read it.
+    void Flush();
+    L2VFIB_MsgCallback *callback_ = nullptr;
+    int32_t fd_ = -1;
 };
 
 }  // namespace emut

@@ -20,19 +20,13 @@ uint32_t OnNotice(uint32_t, uint32_t *value) {
 }
 
 // The library opened on the device; closed after the test.
-class LibraryOnEmu : public EmuTest {
+class LibraryOnEmu : public OpenOnEmu {
   protected:
     void SetUp() override {
-        EmuTest::SetUp();
         gNotices.clear();
-        fd_ = L2VFIB_Open(OnNotice);
-        ASSERT_GE(fd_, 0);
+        callback_ = OnNotice;
+        OpenOnEmu::SetUp();
     }
-    void TearDown() override {
-        if (fd_ >= 0) EXPECT_EQ(L2VFIB_Close(fd_), 0);
-        EmuTest::TearDown();
-    }
-    int32_t fd_ = -1;
 };
 
 TEST_F(EmuTest, ServesTheDeviceServices) {

@@ -8,23 +8,7 @@
 namespace emut {
 namespace {
 
-class OverlayOnEmu : public EmuTest {
-  protected:
-    void SetUp() override {
-        EmuTest::SetUp();
-        fd_ = L2VFIB_Open(nullptr);
-        ASSERT_GE(fd_, 0);
-    }
-    void TearDown() override {
-        if (fd_ >= 0) EXPECT_EQ(L2VFIB_Close(fd_), 0);
-        EmuTest::TearDown();
-    }
-    void Flush() {
-        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-        Steer(Json{{"cmd", "status"}});
-    }
-    int32_t fd_ = -1;
-};
+using OverlayOnEmu = OpenOnEmu;
 
 TEST_F(OverlayOnEmu, TunnelsOfBothTypesAndASwitch) {
     const L2VFIB_OverlayTunnelEntry t1 = {{1, 2}, {3, 4, 5, 6}}, t2 = {{7, 8}, {9, 10, 11, 12}},

@@ -166,13 +166,9 @@ std::vector<Outgoing> Device::Forwarding(const Peer &from, std::span<const uint8
     }
     bool messageFault = false;
     for (const Message &message : decoded.messages) {
-        ++counters_.messages;
-        if (message.error) {
-            ++counters_.errors;
+        if (!Accept(message, fmt::format("message from {} ({} bytes)", PeerText(from),
+                                         datagram.size()))) {
             messageFault = true;
-            Log(fmt::format("bad message from {} ({} bytes): {} [{} at offset {}], skipped",
-                            PeerText(from), datagram.size(), message.error.text,
-                            decode::ErrcName(message.error.code), message.error.offset));
             continue;
         }
         Log(fmt::format("{} > {}", PeerText(from), decode::Render(message)));
@@ -417,6 +413,15 @@ void Device::Apply(const Message &message) {
 // Event service
 // ---------------------------------------------------------------------------
 
+bool Device::Accept(const Message &message, const std::string &what) {
+    ++counters_.messages;
+    if (!message.error) return true;
+    ++counters_.errors;
+    Log(fmt::format("bad {}: {} [{} at offset {}], skipped", what, message.error.text,
+                    decode::ErrcName(message.error.code), message.error.offset));
+    return false;
+}
+
 void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
     ++counters_.datagrams;
     const decode::Decoded decoded = decode::Decode(datagram, decode::Channel::kToEvent);
@@ -426,13 +431,8 @@ void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
     const std::string who = PeerText(from);
     bool messageFault = false;
     for (const Message &message : decoded.messages) {
-        ++counters_.messages;
-        if (message.error) {
-            ++counters_.errors;
+        if (!Accept(message, "event message from " + who)) {
             messageFault = true;
-            Log(fmt::format("bad event message from {}: {} [{} at offset {}], skipped", who,
-                            message.error.text, decode::ErrcName(message.error.code),
-                            message.error.offset));
             continue;
         }
         Log(fmt::format("{} > {}", who, decode::Render(message)));

@@ -84,6 +84,9 @@ class Device {
 
   private:
     void Log(const std::string &line);
+    // Counts a decoded message; a faulty one is counted as an error and
+    // logged with what (who sent it), and false is returned.
+    bool Accept(const decode::Message &message, const std::string &what);
     void Apply(const decode::Message &message);
     void ApplyEntry(Table &table, const decode::Message &message, std::vector<uint64_t> key,
                     const std::string &keyText);

@@ -827,6 +827,10 @@ Decoded DecodeControl(uint32_t code, std::span<const uint8_t> bytes, bool answer
                 {"fillWords13", 9}, {"fillWords21", 10}, {"fillWords22", 8}, {"fillWords33", 11}, {"fillWords39", 40}};
             for (const auto &[name, at] : counts) item.fields.push_back(NumberField(name, bytes[at]));
         }
+    } else if (!answer && code == 0x440002) {
+        // The capability query asks with no input.
+        m.name = "caps-query";
+        length(0, false);
     } else if (!answer && code == 0x440005) {
         m.name = "start";
         if (length(4, false)) item.fields.push_back(NumberField("value", ReadBe(bytes.data(), 4)));

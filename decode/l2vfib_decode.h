@@ -176,14 +176,14 @@ struct Decoded {
 // kOk when every byte made whole, well-formed messages.
 Decoded Decode(std::span<const uint8_t> datagram, Channel channel);
 
-// The control calls' inputs (code 0x440003 MAC reset, 0x440005 start,
-// 0x440006 stop, 0x44000c VLAN range check) and the capability answer
-// (code 0x440002 with answer set). One message of kind kControl, or the
-// MAC reset's own. Faults: kBadItemLength (start and stop take 4 bytes,
-// the capability answer at least 41), kBadValue (a stop input not zero),
-// kUnknownOpcode (any other code, or an answer to another code), and for
-// the MAC reset those of Decode, or kUnexpectedItem when the bytes are not
-// one MAC reset message.
+// The control calls' inputs (code 0x440002 the capability query, 0x440003
+// MAC reset, 0x440005 start, 0x440006 stop, 0x44000c VLAN range check) and
+// the capability answer (code 0x440002 with answer set). One message of kind
+// kControl, or the MAC reset's own. Faults: kBadItemLength (the capability
+// query takes no bytes, start and stop 4, the capability answer at least
+// 41), kBadValue (a stop input not zero), kUnknownOpcode (any other code, or
+// an answer to another code), and for the MAC reset those of Decode, or
+// kUnexpectedItem when the bytes are not one MAC reset message.
 Decoded DecodeControl(uint32_t code, std::span<const uint8_t> bytes, bool answer = false);
 
 // One line, key first, like `ip`/`bridge` output:

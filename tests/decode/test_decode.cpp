@@ -291,6 +291,8 @@ const ControlRow kControlRows[] = {
      "00 00 00 00 00 00 00 00 04 02 05 06 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
      " 00 00 00 00 00 00 00 00 03",
      OK, "caps fillWords13 2 fillWords21 5 fillWords22 4 fillWords33 6 fillWords39 3"},
+    {0x440002, false, "", OK, "caps-query"},
+    {0x440002, false, "00", Errc::kBadItemLength, "caps-query 00 ! caps-query length 1 (expected 0) at offset 0"},
     {0x440002, true, "00 00 00 00", Errc::kBadItemLength, "caps 00000000 ! caps length 4 (expected at least 41) at offset 0"},
     {0x440009, false, "", Errc::kUnknownOpcode, "control 0x440009 ! unknown control code 0x440009 at offset 0"},
 };

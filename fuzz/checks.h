@@ -17,14 +17,7 @@
 #include "fake_platform.h"
 #include "l2vfib.h"
 #include "msg/state.h"
-
-#define FUZZ_REQUIRE(cond)                                                                   \
-    do {                                                                                     \
-        if (!(cond)) {                                                                       \
-            std::fprintf(stderr, "%s:%d: broken invariant: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                    \
-        }                                                                                    \
-    } while (0)
+#include "require.h"
 
 namespace fuzzcheck {
 

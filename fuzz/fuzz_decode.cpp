@@ -15,14 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "l2vfib_decode.h"
-
-#define FUZZ_REQUIRE(cond)                                                                   \
-    do {                                                                                     \
-        if (!(cond)) {                                                                       \
-            std::fprintf(stderr, "%s:%d: broken invariant: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                    \
-        }                                                                                    \
-    } while (0)
+#include "require.h"
 
 namespace dec = l2vfib::decode;
 

@@ -23,6 +23,7 @@
 namespace l2vfib::decode {
 
 using detail::Fault;
+using detail::NumberField;
 using detail::ReadBe;
 
 namespace detail {
@@ -786,17 +787,6 @@ Decoded Decode(std::span<const uint8_t> d, Channel channel) {
     }
     return out;
 }
-
-namespace {
-
-Field NumberField(std::string name, uint64_t value) {
-    Field f;
-    f.name = std::move(name);
-    f.number = value;
-    return f;
-}
-
-}  // namespace
 
 Decoded DecodeControl(uint32_t code, std::span<const uint8_t> bytes, bool answer) {
     if (code == 0x440003 && !answer) {

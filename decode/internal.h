@@ -38,6 +38,9 @@ Error DecodeLayout(std::string_view layout, Item &item);
 // The big-endian number of size bytes at p.
 uint64_t ReadBe(const uint8_t *p, size_t size);
 
+// A field of one number.
+Field NumberField(std::string name, uint64_t value);
+
 }  // namespace l2vfib::decode::detail
 
 #endif

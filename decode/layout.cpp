@@ -105,14 +105,14 @@ Field Bytes(std::string name, FieldKind kind, const uint8_t *p, size_t n) {
     return f;
 }
 
-Field Number(std::string name, uint64_t value) {
+}  // namespace
+
+Field NumberField(std::string name, uint64_t value) {
     Field f;
     f.name = std::move(name);
     f.number = value;
     return f;
 }
-
-}  // namespace
 
 uint64_t ReadBe(const uint8_t *p, size_t size) {
     uint64_t v = 0;
@@ -175,11 +175,11 @@ Error DecodeLayout(std::string_view layout, Item &item) {
                     }
                     break;
                 }
-                case Op::kNum: item.fields.push_back(Number(name, ReadBe(p, t.size))); break;
+                case Op::kNum: item.fields.push_back(NumberField(name, ReadBe(p, t.size))); break;
                 case Op::kHost32: {
                     uint32_t w;
                     std::memcpy(&w, p, 4);
-                    item.fields.push_back(Number(name, w));
+                    item.fields.push_back(NumberField(name, w));
                     break;
                 }
                 case Op::kMac: item.fields.push_back(Bytes(name, FieldKind::kMac, p, 6)); break;
@@ -188,9 +188,9 @@ Error DecodeLayout(std::string_view layout, Item &item) {
                 case Op::kAddr:
                 case Op::kAddrZ: {
                     const uint64_t family = ReadBe(p, 2);
-                    item.fields.push_back(Number(name + ".family", family));
+                    item.fields.push_back(NumberField(name + ".family", family));
                     if (t.op == Op::kAddr) {
-                        item.fields.push_back(Number(name + ".reserved", ReadBe(p + 2, 2)));
+                        item.fields.push_back(NumberField(name + ".reserved", ReadBe(p + 2, 2)));
                     } else if (p[2] != 0 || p[3] != 0) {
                         return Fault(Errc::kBadValue, valueAt + pos + 2,
                                      fmt::format("reserved bytes not 0 in item {} at offset {}",
@@ -212,7 +212,7 @@ Error DecodeLayout(std::string_view layout, Item &item) {
                                                      v[k], item.type, valueAt + k));
                         }
                     }
-                    item.fields.push_back(Number(name, (v.size() - pos) / 4));
+                    item.fields.push_back(NumberField(name, (v.size() - pos) / 4));
                     pos = v.size();
                     continue;
                 }

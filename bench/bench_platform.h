@@ -14,7 +14,6 @@ namespace bench {
 
 struct Counters {
     uint64_t sends;      // datagrams handed to SKT_Send
-    uint64_t messages;   // messages in them, counted by their headers
     uint64_t bytes;      // bytes in them
     uint64_t nodeLists;  // node lists DEV_GetAllNodes allocated
 };

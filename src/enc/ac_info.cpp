@@ -19,8 +19,7 @@
 
 namespace l2vfib {
 
-uint32_t StageAcInfo(const L2VFIB_AcInfo &info, uint32_t fillWords, uint8_t (&value)[kValueArea]) {
-    if (fillWords > kAcInfoMaxFill) return 0;
+void PutAcInfo(uint8_t *value, const L2VFIB_AcInfo &info, uint32_t fillWords) {
     std::memset(value, 0, kAcInfoFixed);
     PutBe16(value, info.half0);
     PutBe32(value + 4, info.word0);
@@ -31,7 +30,6 @@ uint32_t StageAcInfo(const L2VFIB_AcInfo &info, uint32_t fillWords, uint8_t (&va
     PutBe16(value + 40, info.half1);
     PutBe16(value + 42, info.half2);
     std::memset(value + kAcInfoFixed, 0xFF, 4 * fillWords);
-    return kAcInfoFixed + 4 * fillWords;
 }
 
 }  // namespace l2vfib

@@ -17,10 +17,15 @@ constexpr uint32_t kAcInfoFixed = 48;
 // The most all-ones words that still fit a staging area: 48 + 4 x 52 = 256.
 constexpr uint32_t kAcInfoMaxFill = (kValueArea - kAcInfoFixed) / 4;
 
-// Stages the value from info, ending in fillWords all-ones words, into
-// value. Returns its length, 48 + 4 x fillWords, or 0 (value untouched)
-// when fillWords is above kAcInfoMaxFill.
-uint32_t StageAcInfo(const L2VFIB_AcInfo &info, uint32_t fillWords, uint8_t (&value)[kValueArea]);
+// The value's length with fillWords all-ones words, 48 + 4 x fillWords, or
+// 0 when fillWords is above kAcInfoMaxFill.
+constexpr uint32_t AcInfoLength(uint32_t fillWords) {
+    return fillWords > kAcInfoMaxFill ? 0 : kAcInfoFixed + 4 * fillWords;
+}
+
+// Writes every byte of the value from info, ending in fillWords all-ones
+// words, at value; fillWords is at most kAcInfoMaxFill.
+void PutAcInfo(uint8_t *value, const L2VFIB_AcInfo &info, uint32_t fillWords);
 
 }  // namespace l2vfib
 

@@ -50,41 +50,43 @@ extern "C" {
 uint16_t l2vfib_EncAddrParam(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 4 || arg2 == nullptr) return 0;
     const auto &r = *static_cast<const L2VFIB_AddrParam *>(arg2);
-    return Items(out, room)
-        .Put(103, Value(28).Addr(0, r.ip, AddrRule::kAsIs).Be32(20, r.word0).Be16(24, r.half0))
-        .Length();
+    Items items(out, room);
+    items.Open(103, 28).Addr(0, r.ip, AddrRule::kAsIs).Be32(20, r.word0).Be16(24, r.half0);
+    return items.Length();
 }
 
 // Returns 216; 0 (refused) when room is below 216 or arg2 is null.
 uint16_t l2vfib_EncAddrSet(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 4 || arg2 == nullptr) return 0;
     const auto &r = *static_cast<const L2VFIB_AddrSet *>(arg2);
-    Value v(kAddrSize + 8 * (kAddrSize + 4));
+    Items items(out, room);
+    Value v = items.Open(112, kAddrSize + 8 * (kAddrSize + 4));
     v.Addr(0, r.ip, AddrRule::kNoReservedIpv4Cut);
     for (uint32_t i = 0; i < 8; ++i) {
         const uint32_t at = kAddrSize + (kAddrSize + 4) * i;
         v.Addr(at, r.peers[i].ip, AddrRule::kNoReservedIpv4Cut)
             .Be32(at + kAddrSize, r.peers[i].word0);
     }
-    return Items(out, room).Put(112, v).Length();
+    return items.Length();
 }
 
 // Returns 64; 0 (refused) when room is below 64 or arg2 is null.
 uint16_t l2vfib_EncAddrTriple(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 8 || arg2 == nullptr) return 0;
     const auto *ip = static_cast<const L2VFIB_IpAddr *>(arg2);
-    Value v(3 * kAddrSize);
+    Items items(out, room);
+    Value v = items.Open(187, 3 * kAddrSize);
     for (uint32_t i = 0; i < 3; ++i) v.Addr(kAddrSize * i, ip[i], AddrRule::kAsIs);
-    return Items(out, room).Put(187, v).Length();
+    return items.Length();
 }
 
 // Returns 56; 0 (refused) when room is below 56 or arg2 is null.
 uint16_t l2vfib_EncAddrFill(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 24 || arg2 == nullptr) return 0;
     const auto &ip = *static_cast<const L2VFIB_IpAddr *>(arg2);
-    return Items(out, room)
-        .Put(231, Value(52).Addr(0, ip, AddrRule::kAsIs).Ones(kAddrSize, 8))
-        .Length();
+    Items items(out, room);
+    items.Open(231, 52).Addr(0, ip, AddrRule::kAsIs).Ones(kAddrSize, 8);
+    return items.Length();
 }
 
 // Returns 22; 0 (refused) when room is below 22 or a record is null.
@@ -100,26 +102,25 @@ uint16_t l2vfib_EncMacEntry(const void *arg1, const void *arg2, uint16_t room, u
 uint16_t l2vfib_EncTlv201(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 52 || arg2 == nullptr) return 0;
     const auto &r = *static_cast<const L2VFIB_DataEntry *>(arg2);
-    return Items(out, room)
-        .Put(201, Value(48)
-                      .Be32(0, r.word0)
-                      .Be32(4, r.word1)
-                      .Be32(8, r.word2)
-                      .Byte(12, r.byte0)
-                      .Byte(13, r.byte1)
-                      .Copy(14, r.pair, sizeof r.pair)
-                      .Copy(16, r.data, sizeof r.data))
-        .Length();
+    Items items(out, room);
+    items.Open(201, 48)
+        .Be32(0, r.word0)
+        .Be32(4, r.word1)
+        .Be32(8, r.word2)
+        .Byte(12, r.byte0)
+        .Byte(13, r.byte1)
+        .Copy(14, r.pair, sizeof r.pair)
+        .Copy(16, r.data, sizeof r.data);
+    return items.Length();
 }
 
 // Returns 52; 0 (refused) when room is below 52 or a record is null.
 uint16_t l2vfib_EncTlv239With146(const void *arg1, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 52 || !l2vfib::AllGiven(arg1, arg2)) return 0;
     const auto &r = *static_cast<const L2VFIB_DataBlock *>(arg2);
-    return Items(out, room)
-        .Put(239, Value(40).Be32(0, r.word0).Be32(4, r.word1).Copy(8, r.data, sizeof r.data))
-        .Word(146, l2vfib::Load<uint32_t>(arg1))
-        .Length();
+    Items items(out, room);
+    items.Open(239, 40).Be32(0, r.word0).Be32(4, r.word1).Copy(8, r.data, sizeof r.data);
+    return items.Word(146, l2vfib::Load<uint32_t>(arg1)).Length();
 }
 
 }  // extern "C"

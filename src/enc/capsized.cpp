@@ -41,8 +41,8 @@ constexpr uint32_t kNameMax = 31;
 constexpr uint32_t kHostFixed = 32;
 constexpr uint32_t kHostMaxFill = l2vfib::MaxFill(kHostFixed);  // 56
 
-Value CfgValue(const L2VFIB_InstanceCfg &cfg, uint32_t c) {
-    Value v(kCfgFixed + 4 * c);
+void PutCfg(Items &items, const L2VFIB_InstanceCfg &cfg, uint32_t c) {
+    Value v = items.Open(33, kCfgFixed + 4 * c);
     uint32_t nameLength = 0;
     while (nameLength < kNameMax && cfg.name[nameLength] != '\0') ++nameLength;
     v.Be32(0, cfg.word0)
@@ -57,12 +57,12 @@ Value CfgValue(const L2VFIB_InstanceCfg &cfg, uint32_t c) {
         .Be32(56, cfg.word5)
         .Be16(60, cfg.half1);
     for (uint32_t i = 0; i < 8; ++i) v.Be32(64 + 4 * i, cfg.words[i]);
-    return v.Be32(104, cfg.word6).Be32(108, cfg.word7).Be32(112, cfg.word8).Ones(kCfgFixed, c);
+    v.Be32(104, cfg.word6).Be32(108, cfg.word7).Be32(112, cfg.word8).Ones(kCfgFixed, c);
 }
 
-Value HostValue(const L2VFIB_HostEntry &host, uint32_t c) {
-    Value v(kHostFixed + 4 * c);
-    return v.Addr(0, host.ip, l2vfib::AddrRule::kNoReserved)
+void PutHost(Items &items, const L2VFIB_HostEntry &host, uint32_t c) {
+    items.Open(39, kHostFixed + 4 * c)
+        .Addr(0, host.ip, l2vfib::AddrRule::kNoReserved)
         .Copy(20, host.mac, sizeof host.mac)
         .Be16(26, host.half0)
         .Be16(28, host.half1)
@@ -81,7 +81,7 @@ uint16_t l2vfib_EncInstanceCfg(const void *arg1, const void *arg2, uint16_t room
     if (room < 4 * (c + 32) || arg1 == nullptr || (arg2 != nullptr && c > kCfgMaxFill)) return 0;
     Items items(out, room);
     items.Word(32, l2vfib::Load<uint32_t>(arg1));
-    if (arg2 != nullptr) items.Put(33, CfgValue(*static_cast<const L2VFIB_InstanceCfg *>(arg2), c));
+    if (arg2 != nullptr) PutCfg(items, *static_cast<const L2VFIB_InstanceCfg *>(arg2), c);
     return items.Length();
 }
 
@@ -93,7 +93,7 @@ uint16_t l2vfib_EncHostEntry(const void *arg1, const void *arg2, uint16_t room, 
     if (room < 4 * (c + 12) || arg1 == nullptr || (arg2 != nullptr && c > kHostMaxFill)) return 0;
     Items items(out, room);
     items.Key(38, *static_cast<const L2VFIB_EntryKey *>(arg1));
-    if (arg2 != nullptr) items.Put(39, HostValue(*static_cast<const L2VFIB_HostEntry *>(arg2), c));
+    if (arg2 != nullptr) PutHost(items, *static_cast<const L2VFIB_HostEntry *>(arg2), c);
     return items.Length();
 }
 
@@ -108,10 +108,8 @@ uint16_t l2vfib_EncAcInfo(const void *arg1, const void *arg2, uint16_t room, uin
     Items items(out, room);
     items.Key(20, *static_cast<const L2VFIB_EntryKey *>(arg1));
     if (arg2 != nullptr) {
-        Value info(0);
-        info.length =
-            l2vfib::StageAcInfo(*static_cast<const L2VFIB_AcInfo *>(arg2), c, info.bytes);
-        items.Put(22, info);
+        uint8_t *value = items.InPlace(22, l2vfib::AcInfoLength(c));
+        if (value != nullptr) l2vfib::PutAcInfo(value, *static_cast<const L2VFIB_AcInfo *>(arg2), c);
     }
     return items.Length();
 }

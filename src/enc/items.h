@@ -1,14 +1,15 @@
-// What the record encoders share: an item value staged in a local area, zeroed over its length
-// (big-endian fields, copied bytes, address blocks, an all-ones tail), and
-// a writer that puts items one behind the other within the room given.
+// What the record encoders share: a writer that puts items one behind the
+// other within the room given, and the fields of an item value (big-endian
+// numbers, copied bytes, address blocks, an all-ones tail).
 //
 //   out                                                     out + room
 //   +-------------+-------------+----------------+- - - - - -+
-//   | t, n | value| t, n | value| t, n | in place|           |
+//   | t, n | value| t, n | value| t, n | value  |           |
 //   +-------------+-------------+----------------+- - - - - -+
-//                                 ^ InPlace(n): the value is converted
-//                                   straight into the output, then its
-//                                   item header is put in front of it
+//     ^ STLV_Set writes the item header alone (no value given); once it
+//       has, the value's bytes are zeroed and its fields written behind
+//       it, straight into the output. An item that does not fit writes
+//       nothing.
 #ifndef L2VFIB_ENC_ITEMS_H
 #define L2VFIB_ENC_ITEMS_H
 
@@ -18,6 +19,7 @@
 #include "enc/ac_info.h"
 #include "l2vfib.h"
 #include "l2vfib_platform.h"
+#include "msg/head.h"
 #include "msg/wire.h"
 
 namespace l2vfib {
@@ -33,23 +35,21 @@ enum class AddrRule : uint8_t { kAsIs, kNoReserved, kNoReservedIpv4Cut };
 constexpr uint16_t kFamilyIpv4 = 2;
 constexpr uint32_t kAddrSize = 20;
 
-// One item value of length bytes; every byte no field fills goes as 0.
-struct Value {
-    // Only the value's own bytes are zeroed: the rest of the area is never
-    // sent.
-    explicit Value(uint32_t n) : length(n) {
-        std::memset(bytes, 0, n < kValueArea ? n : kValueArea);
-    }
-    Value &Byte(uint32_t at, uint8_t v) { bytes[at] = v; return *this; }
-    Value &Be16(uint32_t at, uint16_t v) { PutBe16(bytes + at, v); return *this; }
-    Value &Be32(uint32_t at, uint32_t v) { PutBe32(bytes + at, v); return *this; }
+// The fields of one item value, written where the value lies. The value's
+// bytes are zeroed first, so every byte no field fills goes as 0.
+class Value {
+  public:
+    Value(uint8_t *at, uint32_t n) : bytes_(at) { std::memset(at, 0, n); }
+    Value &Byte(uint32_t at, uint8_t v) { bytes_[at] = v; return *this; }
+    Value &Be16(uint32_t at, uint16_t v) { PutBe16(bytes_ + at, v); return *this; }
+    Value &Be32(uint32_t at, uint32_t v) { PutBe32(bytes_ + at, v); return *this; }
     Value &Copy(uint32_t at, const void *from, uint32_t n) {
-        std::memcpy(bytes + at, from, n);
+        std::memcpy(bytes_ + at, from, n);
         return *this;
     }
     // The all-ones tail: 4 x words bytes of 0xFF from at.
     Value &Ones(uint32_t at, uint32_t words) {
-        std::memset(bytes + at, 0xFF, 4 * words);
+        std::memset(bytes_ + at, 0xFF, 4 * words);
         return *this;
     }
     // The entry key's 8-byte value: id, subId, two zero bytes.
@@ -62,9 +62,10 @@ struct Value {
         const bool cut = rule == AddrRule::kNoReservedIpv4Cut && ip.family == kFamilyIpv4;
         return Copy(at + 4, ip.addr, cut ? 4 : sizeof ip.addr);
     }
+    uint8_t *Bytes() const { return bytes_; }
 
-    uint32_t length;
-    uint8_t bytes[kValueArea];
+  private:
+    uint8_t *bytes_;
 };
 
 // Writes items from out within room bytes, each with the room that is left.
@@ -74,29 +75,38 @@ class Items {
   public:
     Items(uint8_t *out, uint16_t room) : out_(out), pos_(out), end_(out + room) {}
 
+    // Opens an item of length bytes (at most kValueArea) and returns the
+    // writer of its value. When it does not fit, the payload is refused and
+    // the writer points into a scratch area, so the fields need no test.
+    Value Open(uint32_t type, uint32_t length) {
+        uint8_t *at = InPlace(type, length);
+        return Value(at != nullptr ? at : scratch_, at != nullptr ? length : 0);
+    }
     Items &Put(uint32_t type, const uint8_t *value, uint32_t length) {
-        const uint32_t n = refused_ ? 0 : STLV_Set(pos_, Left(), type, length, value);
-        refused_ = n == 0;
-        pos_ += n;
+        uint8_t *at = InPlace(type, length);
+        if (at != nullptr && length != 0) std::memcpy(at, value, length);
         return *this;
     }
-    Items &Put(uint32_t type, const Value &v) { return Put(type, v.bytes, v.length); }
     Items &Word(uint32_t type, uint32_t v) {
-        uint8_t value[4];
-        PutBe32(value, v);
-        return Put(type, value, sizeof value);
+        Open(type, 4).Be32(0, v);
+        return *this;
     }
     Items &Key(uint32_t type, const L2VFIB_EntryKey &key) {
-        return Put(type, Value(8).Key(0, key));
+        Open(type, 8).Key(0, key);
+        return *this;
     }
 
-    // Where a value of length bytes goes when it is written in place, to be
-    // closed by Put(type, nullptr, length); null (and the payload refused)
-    // when the item does not fit.
-    uint8_t *InPlace(uint32_t length) {
-        if (!refused_ && Left() >= 4 && Left() - 4 >= length) return pos_ + 4;
-        refused_ = true;
-        return nullptr;
+    // Writes the header of an item of length bytes and returns where its
+    // value goes, for the caller to fill every byte of; null (and the
+    // payload refused) when the item does not fit.
+    uint8_t *InPlace(uint32_t type, uint32_t length) {
+        uint8_t *at = refused_ ? nullptr : OpenItem(pos_, Left(), type, length);
+        if (at == nullptr) {
+            refused_ = true;
+            return nullptr;
+        }
+        pos_ = at + length;
+        return at;
     }
 
     // The payload length, or 0 when an item was refused.
@@ -109,6 +119,7 @@ class Items {
     uint8_t *pos_;
     uint8_t *end_;
     bool refused_ = false;
+    uint8_t scratch_[kValueArea];
 };
 
 // True when none of the records is null.

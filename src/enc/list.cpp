@@ -31,7 +31,6 @@ namespace {
 
 using l2vfib::Items;
 using l2vfib::Load;
-using l2vfib::Value;
 
 constexpr uint8_t kModeRange = 1;
 
@@ -57,38 +56,36 @@ uint16_t l2vfib_EncRangeOrList(const void *arg1, const void *arg2, uint16_t room
 uint16_t l2vfib_EncTlv141With142(const void *arg1, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 28 || !l2vfib::AllGiven(arg1, arg2)) return 0;
     const auto &r = *static_cast<const L2VFIB_PairEntryExt *>(arg2);
-    return Items(out, room)
-        .Put(141, Value(16).Be32(0, r.word0).Be16(4, r.half0).Be16(6, r.half1).Be32(8, r.word1))
-        .Word(142, Load<uint32_t>(arg1))
-        .Length();
+    Items items(out, room);
+    items.Open(141, 16).Be32(0, r.word0).Be16(4, r.half0).Be16(6, r.half1).Be32(8, r.word1);
+    return items.Word(142, Load<uint32_t>(arg1)).Length();
 }
 
 // Returns 20; 0 (refused) when room is below 20 or a record is null.
 uint16_t l2vfib_EncTlv145With146(const void *arg1, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 20 || !l2vfib::AllGiven(arg1, arg2)) return 0;
     const auto &r = *static_cast<const L2VFIB_PairEntry *>(arg2);
-    return Items(out, room)
-        .Put(145, Value(8).Be32(0, r.word0).Be16(4, r.half0).Be16(6, r.half1))
-        .Word(146, Load<uint32_t>(arg1))
-        .Length();
+    Items items(out, room);
+    items.Open(145, 8).Be32(0, r.word0).Be16(4, r.half0).Be16(6, r.half1);
+    return items.Word(146, Load<uint32_t>(arg1)).Length();
 }
 
 // Returns 48; 0 (refused) when room is below 48 or arg2 is null.
 uint16_t l2vfib_EncTlv184(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 48 || arg2 == nullptr) return 0;
     const auto &r = *static_cast<const L2VFIB_WordTriple *>(arg2);
-    return Items(out, room)
-        .Put(184, Value(44).Be32(0, r.word0).Be32(4, r.word1).Be32(8, r.word2).Ones(12, 8))
-        .Length();
+    Items items(out, room);
+    items.Open(184, 44).Be32(0, r.word0).Be32(4, r.word1).Be32(8, r.word2).Ones(12, 8);
+    return items.Length();
 }
 
 // Returns 16; 0 (refused) when room is below 16 or arg2 is null.
 uint16_t l2vfib_EncTlv236(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     if (room < 16 || arg2 == nullptr) return 0;
     const auto &r = *static_cast<const L2VFIB_WordsHalf *>(arg2);
-    return Items(out, room)
-        .Put(236, Value(12).Be32(0, r.word0).Be32(4, r.word1).Be16(8, r.half0))
-        .Length();
+    Items items(out, room);
+    items.Open(236, 12).Be32(0, r.word0).Be32(4, r.word1).Be16(8, r.half0);
+    return items.Length();
 }
 
 }  // extern "C"

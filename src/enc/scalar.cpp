@@ -18,12 +18,14 @@
 //
 // Each encoder first makes its own room test (its minimum room, which is
 // not always what its items need: STLV_Set refuses what does not fit), and
-// refuses a null record. Values are staged in zeroed locals.
+// refuses a null record. Each value is written behind its item header,
+// every byte of it.
 #include <cstdint>
 
 #include "enc/encoders.h"
 #include "l2vfib.h"
 #include "l2vfib_platform.h"
+#include "msg/head.h"
 #include "msg/wire.h"
 
 namespace {
@@ -35,31 +37,28 @@ using l2vfib::PutBe32;
 // No room test of the encoder's own: the decision is left to STLV_Set.
 constexpr uint16_t kNoMinimum = 0;
 
-uint16_t Item(uint8_t *out, uint16_t room, uint32_t type, const uint8_t *value, uint32_t length) {
-    return static_cast<uint16_t>(STLV_Set(out, room, type, length, value));
-}
-
-// Stages an N-byte value from the record in a zeroed local with fill, then
-// writes it as one item; refuses below minRoom or without a record.
+// Writes one item of an N-byte value that fill writes whole from the
+// record; refuses below minRoom or without a record.
 template <uint32_t N, typename Fill>
-uint16_t StagedItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
+uint16_t RecordItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                     uint8_t *out, Fill fill) {
     if (room < minRoom || record == nullptr) return 0;
-    uint8_t value[N] = {};
+    uint8_t *value = l2vfib::OpenItem(out, room, type, N);
+    if (value == nullptr) return 0;
     fill(value, record);
-    return Item(out, room, type, value, N);
+    return l2vfib::kItemHead + N;
 }
 
 uint16_t U32Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    return StagedItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+    return RecordItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
         PutBe32(v, Load<uint32_t>(r));
     });
 }
 
 uint16_t U16Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    return StagedItem<2>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+    return RecordItem<2>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
         PutBe16(v, Load<uint16_t>(r));
     });
 }
@@ -67,28 +66,29 @@ uint16_t U16Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t r
 // A 16-bit number widened to 32 bits: value bytes 0-1 are 0.
 uint16_t U16WideItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                      uint8_t *out) {
-    return StagedItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+    return RecordItem<4>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
         PutBe32(v, Load<uint16_t>(r));
     });
 }
 
 uint16_t EmptyItem(uint16_t minRoom, uint32_t type, uint16_t room, uint8_t *out) {
     if (room < minRoom) return 0;
-    return Item(out, room, type, nullptr, 0);
+    return static_cast<uint16_t>(STLV_Set(out, room, type, 0, nullptr));
 }
 
 uint16_t KeyItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                  uint8_t *out) {
-    return StagedItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+    return RecordItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
         const auto *key = static_cast<const L2VFIB_EntryKey *>(r);
         PutBe32(v, key->id);
         PutBe16(v + 4, key->subId);
+        PutBe16(v + 6, 0);
     });
 }
 
 uint16_t PairItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                   uint8_t *out) {
-    return StagedItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
+    return RecordItem<8>(record, minRoom, type, room, out, [](uint8_t *v, const void *r) {
         const auto *pair = static_cast<const L2VFIB_WordPair *>(r);
         PutBe32(v, pair->word0);
         PutBe32(v + 4, pair->word1);

@@ -59,27 +59,25 @@ uint32_t Variant1Extra(const L2VFIB_Variant1 &v) {
 // A pair list as one item, converted straight into the output.
 void PutList(Items &items, uint32_t type, const L2VFIB_HalfPair *list, uint16_t count) {
     if (list == nullptr) return;
-    const uint32_t length = 4 * uint32_t{count};
-    uint8_t *at = items.InPlace(length);
+    uint8_t *at = items.InPlace(type, 4 * uint32_t{count});
     if (at == nullptr) return;
     for (uint32_t i = 0; i < count; ++i, at += 4) {
         l2vfib::PutBe16(at, list[i].half0);
         l2vfib::PutBe16(at + 2, list[i].half1);
     }
-    items.Put(type, nullptr, length);
 }
 
 void PutVariant1(Items &items, const L2VFIB_Variant1 &v) {
-    items.Put(23, Value(16)
-                      .Be32(0, v.word0)
-                      .Be16(4, v.half0)
-                      .Be16(6, v.half1)
-                      .Be16(8, v.count0)
-                      .Be16(10, v.half2)
-                      .Be16(12, v.half3)
-                      .Be16(14, v.count1));
+    items.Open(23, 16)
+        .Be32(0, v.word0)
+        .Be16(4, v.half0)
+        .Be16(6, v.half1)
+        .Be16(8, v.count0)
+        .Be16(10, v.half2)
+        .Be16(12, v.half3)
+        .Be16(14, v.count1);
     if (v.ext != nullptr) {
-        Value ext(40);
+        Value ext = items.Open(24, 40);
         ext.Be32(0, v.ext->word0).Be16(4, v.ext->half0);
         for (uint32_t i = 0; i < 2; ++i) {
             const L2VFIB_Variant1Sub &sub = v.ext->sub[i];
@@ -92,7 +90,6 @@ void PutVariant1(Items &items, const L2VFIB_Variant1 &v) {
                 .Be16(at + 12, sub.half4)
                 .Be16(at + 14, sub.half5);
         }
-        items.Put(24, ext);
     }
     PutList(items, 25, v.list0, v.count0);
     PutList(items, 26, v.list1, v.count1);
@@ -124,13 +121,13 @@ uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t roo
     if (kind == 1 && kKind1Fixed + 4 * c + Variant1Extra(*v1) > room) return 0;
 
     items.Key(20, *key);
-    items.Put(21, Value(kEntryFixed + 4 * c)
-                      .Be32(0, entry->word0)
-                      .Be16(4, entry->half0)
-                      .Byte(6, entry->byte0)
-                      .Byte(7, kind)
-                      .Byte(8, entry->byte1)
-                      .Ones(kEntryFixed, c));
+    items.Open(21, kEntryFixed + 4 * c)
+        .Be32(0, entry->word0)
+        .Be16(4, entry->half0)
+        .Byte(6, entry->byte0)
+        .Byte(7, kind)
+        .Byte(8, entry->byte1)
+        .Ones(kEntryFixed, c);
     switch (kind) {
     case 1:
         PutVariant1(items, *v1);
@@ -138,13 +135,12 @@ uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t roo
     case 2:
     case 3: {
         const auto &v = *static_cast<const L2VFIB_Variant2 *>(variant);
-        items.Put(27,
-                  Value(12).Be32(0, v.word0).Be32(4, v.word1).Be16(8, v.half0).Byte(10, v.byte0));
+        items.Open(27, 12).Be32(0, v.word0).Be32(4, v.word1).Be16(8, v.half0).Byte(10, v.byte0);
         break;
     }
     case 4: {
         const auto &v = *static_cast<const L2VFIB_Variant4 *>(variant);
-        items.Put(28, Value(8).Be16(0, v.half0).Be32(4, v.word0));
+        items.Open(28, 8).Be16(0, v.half0).Be32(4, v.word0);
         break;
     }
     default:

@@ -25,12 +25,6 @@ constexpr uint32_t kKeyItem = 20;
 constexpr uint32_t kInfoItem = 22;
 constexpr uint32_t kOptionItem = 144;
 
-// The room was reserved by AppendBegin, so every item fits.
-void Item(l2vfib::Append &append, uint32_t type, uint32_t length, const uint8_t *value) {
-    append.pos +=
-        STLV_Set(append.pos, static_cast<uint32_t>(append.end - append.pos), type, length, value);
-}
-
 }  // namespace
 
 extern "C" {
@@ -45,25 +39,22 @@ uint32_t l2vfib_SendAcEntry(int32_t socket, const L2VFIB_EntryKey *key, const L2
     if (info == nullptr)
         return l2vfib::QueueKeyed(socket, kObjAc, l2vfib::kOpDelete, 0, kKeyItem, key, nullptr, 0);
 
-    uint8_t value[l2vfib::kValueArea];
-    const uint32_t infoLength = l2vfib::StageAcInfo(*info, l2vfib_Caps.fillWords22, value);
+    const uint32_t c = l2vfib_Caps.fillWords22;
+    const uint32_t infoLength = l2vfib::AcInfoLength(c);
     if (infoLength == 0) return L2VFIB_ERR_FAIL;
     l2vfib::Append append{};
     const uint32_t needed = 8 + 12 + 4 + infoLength + (option != nullptr ? 12 : 0);
     const uint32_t result = l2vfib::AppendBegin(socket, needed, &append);
     if (result != L2VFIB_OK) return result;
 
-    uint8_t keyValue[8];
-    l2vfib::PutKey(keyValue, *key);
-    Item(append, kKeyItem, sizeof keyValue, keyValue);
-    Item(append, kInfoItem, infoLength, value);
+    l2vfib::PutKey(l2vfib::AppendItem(append, kKeyItem, 8), *key);
+    l2vfib::PutAcInfo(l2vfib::AppendItem(append, kInfoItem, infoLength), *info, c);
     if (option != nullptr) {
-        uint8_t opt[8];
+        uint8_t *opt = l2vfib::AppendItem(append, kOptionItem, 8);
         l2vfib::PutBe16(opt, option->half0);
         l2vfib::PutBe16(opt + 2, option->half1);
         l2vfib::PutBe16(opt + 4, option->half2);
         l2vfib::PutBe16(opt + 6, option->half3);
-        Item(append, kOptionItem, sizeof opt, opt);
     }
     l2vfib::AppendEnd(append, kObjAc, l2vfib::kOpAdd, 0);
     return L2VFIB_OK;

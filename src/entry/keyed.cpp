@@ -33,14 +33,11 @@ uint32_t QueueKeyed(int32_t socket, uint32_t objType, uint32_t opcode, uint32_t 
                     uint32_t keyType, const L2VFIB_EntryKey *key, const void *block,
                     uint32_t length) {
     if (key == nullptr || (block == nullptr && length != 0)) return L2VFIB_ERR_FAIL;
-    uint8_t value[kKeySize];
-    PutKey(value, *key);
     // Counted in 32 bits: a block near 65535 bytes is too long, never short.
     Append append{};
     const uint32_t result = AppendBegin(socket, kKeyedSize + length, &append);
     if (result != L2VFIB_OK) return result;
-    append.pos += STLV_Set(append.pos, static_cast<uint32_t>(append.end - append.pos), keyType,
-                           kKeySize, value);
+    PutKey(AppendItem(append, keyType, kKeySize), *key);
     if (length != 0) std::memcpy(append.pos, block, length);
     append.pos += length;
     AppendEnd(append, objType, opcode, byte7);

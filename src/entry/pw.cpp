@@ -15,6 +15,8 @@
 //   +------+------+------+-----+---+---+-----+-----+------+
 //   |word0 |word1 |word2 |half0|b0 |b1 |half1|half2|word3 |  (be32/be16)
 //   +------+------+------+-----+---+---+-----+-----+------+
+#include <cstring>
+
 #include "entry/entry.h"
 #include "l2vfib_platform.h"
 #include "msg/state.h"
@@ -35,7 +37,7 @@ constexpr uint32_t kSubSize = 24;
 // The most all-ones words that keep TLV 13 within a 256-byte value.
 constexpr uint32_t kMaxFill = (256 - kAttrFixed) / 4;
 
-void StageSub(const L2VFIB_LpwSubEntry &sub, uint8_t *v) {
+void PutSub(const L2VFIB_LpwSubEntry &sub, uint8_t *v) {
     PutBe32(v, sub.word0);
     PutBe32(v + 4, sub.word1);
     PutBe32(v + 8, sub.word2);
@@ -74,21 +76,27 @@ L2VFIB_API uint32_t L2VFIB_DelPwEntry(int32_t socket, uint32_t byte7, const L2VF
 L2VFIB_API uint32_t L2VFIB_EncLpwEntry(const L2VFIB_LpwEntry *entry, uint32_t room, void *out) {
     const uint32_t c = l2vfib_Caps.fillWords13;
     if (entry == nullptr || out == nullptr || c > kMaxFill || room < 4 * (c + 21)) return 0;
-    uint8_t value[256] = {};
+    // The room test covers the largest block, so both items fit; each value
+    // is written whole behind its item header.
+    auto *o = static_cast<uint8_t *>(out);
+    uint8_t *value = l2vfib::OpenItem(o, room, kAttrItem, kAttrFixed + 4 * c);
+    if (value == nullptr) return 0;
     PutBe64(value, entry->attr64[0]);
     PutBe64(value + 8, entry->attr64[1]);
     PutBe32(value + 16, entry->attr32);
     for (int i = 0; i < 3; ++i) PutBe16(value + 20 + 2 * i, entry->attr16[i]);
     value[26] = entry->attr8;
-    for (uint32_t i = 0; i < 4 * c; ++i) value[kAttrFixed + i] = 0xFF;
-    auto *o = static_cast<uint8_t *>(out);
-    uint32_t n = STLV_Set(o, room, kAttrItem, kAttrFixed + 4 * c, value);
+    value[27] = 0;
+    std::memset(value + kAttrFixed, 0xFF, 4 * c);
+    uint32_t n = l2vfib::kItemHead + kAttrFixed + 4 * c;
 
-    uint32_t subs = 0;
+    const uint32_t subs = uint32_t{entry->sub[0] != nullptr} + uint32_t{entry->sub[1] != nullptr};
+    if (subs == 0) return n;
+    value = l2vfib::OpenItem(o + n, room - n, kSubItem, kSubSize * subs);
+    if (value == nullptr) return n;
     for (const L2VFIB_LpwSubEntry *sub : entry->sub)
-        if (sub != nullptr) StageSub(*sub, value + kSubSize * subs++);
-    if (subs != 0) n += STLV_Set(o + n, room - n, kSubItem, kSubSize * subs, value);
-    return n;
+        if (sub != nullptr) PutSub(*sub, value), value += kSubSize;
+    return n + l2vfib::kItemHead + kSubSize * subs;
 }
 
 }  // extern "C"

@@ -43,13 +43,33 @@ uint32_t Flush(int32_t socket, bool blocking) {
     const bool sent = blocking ? l2vfib::SendBlocking(socket, batch->area, batch->used)
                                : l2vfib::SendOnce(socket, batch->area, batch->used, MSG_DONTWAIT);
     if (!sent) return L2VFIB_ERR_FAIL;
-    std::memset(batch->area, 0, sizeof batch->area);
+    // Only the queued bytes: the rest of the area is zero already.
+    std::memset(batch->area, 0, batch->used);
     batch->used = 0;
     return L2VFIB_OK;
 }
 
 uint16_t FreeBytes(const L2VFIB_BatchBuf *batch) {
     return static_cast<uint16_t>(L2VFIB_BATCH_SIZE - batch->used);
+}
+
+// The batched command that did not fit behind the queue (or was refused
+// outright): sends the queue and tries once more in the empty area. An
+// encoder that refused may have written items before the one that did not
+// fit; they are cleared, so the area stays zero past the queue. Kept out of
+// line, so the path of a message that fits saves fewer registers.
+[[gnu::noinline]] uint32_t QueueAfterFlush(int32_t socket, const l2vfib::CmdRow *row,
+                                                     const void *arg1, const void *arg2) {
+    L2VFIB_BatchBuf *buf = l2vfib_Batch;
+    std::memset(buf->area + buf->used, 0, FreeBytes(buf));
+    if (L2VFIB_FlushEntry(socket) != L2VFIB_OK) return L2VFIB_ERR_FAIL;
+    const uint16_t length = l2vfib::EncodeRow(row, arg1, arg2, L2VFIB_BATCH_SIZE, buf->area);
+    if (length == 0) {
+        std::memset(buf->area, 0, L2VFIB_BATCH_SIZE);
+        return L2VFIB_ERR_FAIL;
+    }
+    buf->used = length;
+    return L2VFIB_OK;
 }
 
 }  // namespace
@@ -104,19 +124,13 @@ L2VFIB_API uint32_t L2VFIB_Send_Cfg(int32_t socket, L2VFIB_CmdId cmd, uint32_t b
                                     const void *arg1, const void *arg2) {
     L2VFIB_BatchBuf *buf = l2vfib_Batch;
     if (buf == nullptr) return L2VFIB_ERR_NOT_OPEN;
-    const bool batched =
-        batch == 1 ||
-        (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].path == l2vfib::Path::kBatched);
-    if (!batched) return l2vfib_SendCfgNow(socket, cmd, arg1, arg2);
+    const l2vfib::CmdRow *row = l2vfib::FindCmd(cmd);
+    if (batch != 1 && (row == nullptr || row->path != l2vfib::Path::kBatched))
+        return l2vfib_SendCfgNow(socket, cmd, arg1, arg2);
 
-    uint16_t length = l2vfib_EncodeCmd(cmd, arg1, arg2, FreeBytes(buf), buf->area + buf->used);
-    if (length == 0) {
-        // Not enough room behind the queue (or refused outright): send the
-        // queue and try once more in the empty area.
-        if (L2VFIB_FlushEntry(socket) != L2VFIB_OK) return L2VFIB_ERR_FAIL;
-        length = l2vfib_EncodeCmd(cmd, arg1, arg2, L2VFIB_BATCH_SIZE, buf->area);
-        if (length == 0) return L2VFIB_ERR_FAIL;
-    }
+    const uint16_t length =
+        l2vfib::EncodeRow(row, arg1, arg2, FreeBytes(buf), buf->area + buf->used);
+    if (length == 0) return QueueAfterFlush(socket, row, arg1, arg2);
     buf->used = static_cast<uint16_t>(buf->used + length);
     return L2VFIB_OK;
 }
@@ -141,9 +155,7 @@ uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append) {
 
 void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7) {
     const auto length = static_cast<uint16_t>(append.pos - append.msg);
-    L2VFIB_MsgHead head{};
-    l2vfib_FillMsgHead(objType, static_cast<uint16_t>(length - kHeadSize), opcode, byte7, &head);
-    WriteMsgHead(head, append.msg);
+    PutMsgHead(append.msg, objType, length - kHeadSize, opcode, byte7);
     l2vfib_Batch->used = static_cast<uint16_t>(l2vfib_Batch->used + length);
 }
 

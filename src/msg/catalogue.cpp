@@ -123,15 +123,5 @@ extern "C" const CmdRow l2vfib_CmdTable[l2vfib::kCmdCount] = {
 
 extern "C" uint16_t l2vfib_EncodeCmd(L2VFIB_CmdId cmd, const void *arg1, const void *arg2,
                                      uint16_t room, uint8_t *out) {
-    if (room <= 7 || cmd >= l2vfib::kCmdCount) return 0;
-    const CmdRow &row = l2vfib_CmdTable[cmd];
-    if (row.encoder == nullptr) return 0;
-    const uint16_t payload =
-        row.encoder(arg1, arg2, static_cast<uint16_t>(room - l2vfib::kHeadSize),
-                    out + l2vfib::kHeadSize);
-    if (payload == 0) return 0;
-    L2VFIB_MsgHead head{};
-    l2vfib_FillMsgHead(row.objType, payload, row.opcode, row.byte7, &head);
-    l2vfib::WriteMsgHead(head, out);
-    return static_cast<uint16_t>(payload + l2vfib::kHeadSize);
+    return l2vfib::EncodeRow(l2vfib::FindCmd(cmd), arg1, arg2, room, out);
 }

@@ -7,6 +7,7 @@
 
 #include "enc/encoders.h"
 #include "l2vfib.h"
+#include "msg/head.h"
 
 namespace l2vfib {
 
@@ -30,9 +31,30 @@ constexpr uint32_t kCmdCount = 92;
 
 }  // namespace l2vfib
 
-extern "C" {
+extern "C" const l2vfib::CmdRow l2vfib_CmdTable[l2vfib::kCmdCount];
 
-extern const l2vfib::CmdRow l2vfib_CmdTable[l2vfib::kCmdCount];
+namespace l2vfib {
+
+// The row of cmd, or null for a code above 91.
+inline const CmdRow *FindCmd(L2VFIB_CmdId cmd) {
+    return cmd < kCmdCount ? &l2vfib_CmdTable[cmd] : nullptr;
+}
+
+// l2vfib_EncodeCmd for a row found (or null), inlined where the batched
+// path is hot.
+inline uint16_t EncodeRow(const CmdRow *row, const void *arg1, const void *arg2, uint16_t room,
+                          uint8_t *out) {
+    if (row == nullptr || row->encoder == nullptr || room < kHeadSize) return 0;
+    const uint16_t payload =
+        row->encoder(arg1, arg2, static_cast<uint16_t>(room - kHeadSize), out + kHeadSize);
+    if (payload == 0) return 0;
+    PutMsgHead(out, row->objType, payload, row->opcode, row->byte7);
+    return static_cast<uint16_t>(payload + kHeadSize);
+}
+
+}  // namespace l2vfib
+
+extern "C" {
 
 // Builds the whole message of command cmd at out, within room bytes:
 // payload from out + 8, then the header. Returns the message length, or 0

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "l2vfib_platform.h"
 #include "msg/wire.h"
 
 extern "C" {
@@ -25,6 +26,24 @@ void l2vfib_FillMsgHead(uint32_t objType, uint32_t payloadLen, uint32_t opcode, 
 namespace l2vfib {
 
 constexpr uint16_t kHeadSize = 8;
+// The item header the codec writes in front of every value.
+constexpr uint32_t kItemHead = 4;
+
+// Writes the whole header at out: objType and payloadLen big-endian, tag 0,
+// then opcode and byte7 (their low 8 bits).
+inline void PutMsgHead(uint8_t *out, uint32_t objType, uint32_t payloadLen, uint32_t opcode,
+                       uint32_t byte7) {
+    PutBe32(out, (objType & 0xFFFF) << 16 | (payloadLen & 0xFFFF));
+    PutBe32(out + 4, (opcode & 0xFF) << 8 | (byte7 & 0xFF));
+}
+
+// Where a value of length bytes goes once its item header is written in
+// front of it at out: STLV_Set is given no value, so it writes the header
+// alone and counts the value bytes, which the caller then writes in place.
+// Null when the item does not fit room; nothing is written then.
+inline uint8_t *OpenItem(uint8_t *out, uint32_t room, uint32_t type, uint32_t length) {
+    return STLV_Set(out, room, type, length, nullptr) != 0 ? out + kItemHead : nullptr;
+}
 
 // Writes head at out: the three 16-bit fields big-endian at 0, 2 and 4,
 // opcode and byte7 at 6 and 7. Inline: every message passes here.

@@ -7,6 +7,8 @@
 #include <cstdint>
 
 #include "l2vfib.h"
+#include "l2vfib_platform.h"
+#include "msg/head.h"
 
 extern "C" {
 
@@ -74,6 +76,17 @@ struct Append {
 
 uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append);
 void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7);
+
+// Writes the header of an item of length value bytes at the append position
+// (STLV_Set given no value) and moves the position behind the value;
+// returns where the value goes, for the caller to write every byte of.
+// AppendBegin reserved the room, so the codec writes the header.
+inline uint8_t *AppendItem(Append &append, uint32_t type, uint32_t length) {
+    uint8_t *value = append.pos + kItemHead;
+    append.pos += STLV_Set(append.pos, static_cast<uint32_t>(append.end - append.pos), type,
+                           length, nullptr);
+    return value;
+}
 
 // For a run of messages that outgrows the batch: closes the open message as
 // AppendEnd does, sends the queue without blocking and opens the next

@@ -30,12 +30,11 @@ L2VFIB_API uint32_t l2vfib_SendEbgDfEntry(int32_t socket, uint32_t byte7, uint32
     l2vfib::Append append{};
     const uint32_t result = l2vfib::AppendBegin(socket, kNeeded, &append);
     if (result != L2VFIB_OK) return result;
-    uint8_t value[kLength];
+    uint8_t *value = l2vfib::AppendItem(append, kItem, kLength);
     l2vfib::PutBe32(value, entry->word0);
     l2vfib::PutBe32(value + 4, entry->word1);
     l2vfib::PutBe32(value + 8, entry->word2);
     l2vfib::PutBe32(value + 12, entry->word3);
-    l2vfib::PutItem(append, kItem, value, kLength);
     l2vfib::AppendEnd(append, kObjType, opcode, byte7);
     return L2VFIB_OK;
 }

@@ -30,17 +30,16 @@ namespace {
 
 using l2vfib::PutBe32;
 
-constexpr uint32_t kItemHead = 4;
-constexpr uint32_t kMaxValue = 12;  // the longest key or member value
+using l2vfib::kItemHead;
 
-// What one family of member lists is made of. The stage functions write the
-// value of the key item and of member index into a value area.
+// What one family of member lists is made of. The put functions write the
+// whole value of the key item and of member index where it goes.
 struct Family {
     uint32_t objType;
     uint32_t keyItem, keyLength;
     uint32_t memberItem, memberLength;
-    void (*stageKey)(const void *groupKey, uint8_t *value);
-    void (*stageMember)(const void *members, uint32_t index, uint8_t *value);
+    void (*putKey)(const void *groupKey, uint8_t *value);
+    void (*putMember)(const void *members, uint32_t index, uint8_t *value);
 };
 
 constexpr Family kEbg = {
@@ -76,27 +75,27 @@ constexpr Family kMplsEbg = {
 // written); L2VFIB_ERR_NOT_OPEN with no batch buffer; L2VFIB_ERR_FAIL when
 // a flush fails: before the first message nothing is written, part-way the
 // closed message stays queued and the members after it are dropped.
-uint32_t SendMembers(const Family &family, int32_t socket, uint32_t byte7, uint32_t opcode,
-                     const void *groupKey, const void *members, uint32_t count) {
+// (A template on the family, so each family's put functions are inlined
+// into its loop.)
+template <const Family &family>
+uint32_t SendMembers(int32_t socket, uint32_t byte7, uint32_t opcode, const void *groupKey,
+                     const void *members, uint32_t count) {
     if (groupKey == nullptr || (members == nullptr && count != 0)) return L2VFIB_ERR_FAIL;
-    const uint32_t memberSize = kItemHead + family.memberLength;
-    const uint32_t start = l2vfib::kHeadSize + kItemHead + family.keyLength + memberSize;
-    uint8_t key[kMaxValue];
-    uint8_t member[kMaxValue];
-    family.stageKey(groupKey, key);
+    constexpr uint32_t memberSize = kItemHead + family.memberLength;
+    constexpr uint32_t start = l2vfib::kHeadSize + kItemHead + family.keyLength + memberSize;
 
     l2vfib::Append append{};
     uint32_t result = l2vfib::AppendBegin(socket, start, &append);
     if (result != L2VFIB_OK) return result;
-    l2vfib::PutItem(append, family.keyItem, key, family.keyLength);
+    family.putKey(groupKey, l2vfib::AppendItem(append, family.keyItem, family.keyLength));
     for (uint32_t i = 0; i < count; ++i) {
         if (static_cast<uint32_t>(append.end - append.pos) < memberSize) {
             result = l2vfib::AppendReopen(socket, &append, family.objType, opcode, byte7);
             if (result != L2VFIB_OK) return result;
-            l2vfib::PutItem(append, family.keyItem, key, family.keyLength);
+            family.putKey(groupKey, l2vfib::AppendItem(append, family.keyItem, family.keyLength));
         }
-        family.stageMember(members, i, member);
-        l2vfib::PutItem(append, family.memberItem, member, family.memberLength);
+        family.putMember(members, i,
+                         l2vfib::AppendItem(append, family.memberItem, family.memberLength));
     }
     l2vfib::AppendEnd(append, family.objType, opcode, byte7);
     return L2VFIB_OK;
@@ -112,7 +111,7 @@ extern "C" {
 L2VFIB_API uint32_t l2vfib_SendEbgMemberEntry(int32_t socket, uint32_t byte7, uint32_t opcode,
                                               const L2VFIB_EbgKey *groupKey,
                                               const uint32_t *members, uint16_t count) {
-    return SendMembers(kEbg, socket, byte7, opcode, groupKey, members, count);
+    return SendMembers<kEbg>(socket, byte7, opcode, groupKey, members, count);
 }
 
 L2VFIB_API uint32_t L2VFIB_AddEBGMember(int32_t socket, uint32_t byte7,
@@ -131,7 +130,7 @@ L2VFIB_API uint32_t l2vfib_SendMplsEbgMemberEntry(int32_t socket, uint32_t byte7
                                                   const L2VFIB_MplsEbgKey *groupKey,
                                                   const L2VFIB_MplsEbgMember *members,
                                                   uint32_t count) {
-    return SendMembers(kMplsEbg, socket, byte7, opcode, groupKey, members, count);
+    return SendMembers<kMplsEbg>(socket, byte7, opcode, groupKey, members, count);
 }
 
 L2VFIB_API uint32_t L2VFIB_AddMplsEBGMember(int32_t socket, uint32_t byte7,

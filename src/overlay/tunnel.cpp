@@ -66,15 +66,13 @@ uint32_t QueueTunnel(int32_t socket, uint32_t needed, uint32_t objType, uint32_t
     l2vfib::Append append{};
     const uint32_t result = l2vfib::AppendBegin(socket, needed, &append);
     if (result != L2VFIB_OK) return result;
-    uint8_t key[kKeyLength];
+    uint8_t *key = l2vfib::AppendItem(append, kKeyItem, kKeyLength);
     PutBe32(key, entry.tunnelKey.word0);
     PutBe32(key + 4, entry.tunnelKey.word1);
-    l2vfib::PutItem(append, kKeyItem, key, kKeyLength);
     if (!keyOnly) {
-        uint8_t attr[kAttrLength];
+        uint8_t *attr = l2vfib::AppendItem(append, kAttrItem, kAttrLength);
         for (uint32_t i = 0; i < kAttrWords; ++i) PutBe32(attr + 4 * i, entry.tunnelAttr[i]);
         std::memset(attr + 4 * kAttrWords, 0xFF, kAttrLength - 4 * kAttrWords);
-        l2vfib::PutItem(append, kAttrItem, attr, kAttrLength);
     }
     l2vfib::AppendEnd(append, objType, opcode, byte7);
     return L2VFIB_OK;

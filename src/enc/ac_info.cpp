@@ -29,7 +29,7 @@ void PutAcInfo(uint8_t *value, const L2VFIB_AcInfo &info, uint32_t fillWords) {
     PutBe32(value + 32, info.word2);
     PutBe16(value + 40, info.half1);
     PutBe16(value + 42, info.half2);
-    std::memset(value + kAcInfoFixed, 0xFF, 4 * fillWords);
+    if (fillWords != 0) std::memset(value + kAcInfoFixed, 0xFF, 4 * fillWords);
 }
 
 }  // namespace l2vfib

@@ -38,15 +38,16 @@ using l2vfib::PutBe32;
 constexpr uint16_t kNoMinimum = 0;
 
 // Writes one item of an N-byte value that fill writes whole from the
-// record; refuses below minRoom or without a record.
+// record; refuses below minRoom or without a record. The value goes first,
+// once the item is known to fit, and STLV_Set then puts the header in
+// front of it (given no value, it leaves the value bytes as they are): the
+// codec is the last call, so nothing has to be kept across it.
 template <uint32_t N, typename Fill>
 uint16_t RecordItem(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,
                     uint8_t *out, Fill fill) {
-    if (room < minRoom || record == nullptr) return 0;
-    uint8_t *value = l2vfib::OpenItem(out, room, type, N);
-    if (value == nullptr) return 0;
-    fill(value, record);
-    return l2vfib::kItemHead + N;
+    if (room < minRoom || record == nullptr || room < l2vfib::kItemHead + N) return 0;
+    fill(out + l2vfib::kItemHead, record);
+    return static_cast<uint16_t>(STLV_Set(out, room, type, N, nullptr));
 }
 
 uint16_t U32Item(const void *record, uint16_t minRoom, uint32_t type, uint16_t room,

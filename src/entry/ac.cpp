@@ -37,7 +37,7 @@ uint32_t l2vfib_SendAcEntry(int32_t socket, const L2VFIB_EntryKey *key, const L2
                             const L2VFIB_AcOption *option) {
     if (key == nullptr) return L2VFIB_ERR_FAIL;
     if (info == nullptr)
-        return l2vfib::QueueKeyed(socket, kObjAc, l2vfib::kOpDelete, 0, kKeyItem, key, nullptr, 0);
+        return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjAc, l2vfib::kOpDelete, kKeyItem), 0, key, nullptr, 0);
 
     const uint32_t c = l2vfib_Caps.fillWords22;
     const uint32_t infoLength = l2vfib::AcInfoLength(c);

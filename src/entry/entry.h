@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "l2vfib.h"
+#include "msg/wire.h"
 
 extern "C" {
 
@@ -43,17 +44,29 @@ void WriteExtMsgHead(const L2VFIB_ExtMsgHead &head, uint8_t *out);
 
 // Stores key as the 8-byte value of a key item: id and subId big-endian,
 // two zero bytes.
-void PutKey(uint8_t *value, const L2VFIB_EntryKey &key);
+inline void PutKey(uint8_t *value, const L2VFIB_EntryKey &key) {
+    PutBe32(value, key.id);
+    PutBe16(value + 4, key.subId);
+    PutBe16(value + 6, 0);
+}
 
-// Queues one message: header (objType, opcode, byte7), one key item of
-// keyType, then length bytes of block unchanged. Returns L2VFIB_OK;
+// What a keyed message is, in one argument: its object type, its opcode
+// (low 8 bits) and its key item's type (below 256).
+constexpr uint32_t Keyed(uint32_t objType, uint32_t opcode, uint32_t keyType) {
+    return objType << 16 | (opcode & 0xFF) << 8 | keyType;
+}
+
+// Queues one message: header (the object type and opcode of kind, byte7),
+// one key item of the key type of kind, then length bytes of block
+// unchanged.
+// (Six arguments, so the exported functions hand over with a jump.)
+// Returns L2VFIB_OK;
 // L2VFIB_ERR_NOT_OPEN when the library is not open; L2VFIB_ERR_FAIL for a
 // null key, a null block of nonzero length, a message longer than the
 // batch area (20 + length above 1400), or a flush for room that failed.
 // Nothing is written or sent on failure but that flush.
-uint32_t QueueKeyed(int32_t socket, uint32_t objType, uint32_t opcode, uint32_t byte7,
-                    uint32_t keyType, const L2VFIB_EntryKey *key, const void *block,
-                    uint32_t length);
+uint32_t QueueKeyed(int32_t socket, uint32_t kind, uint32_t byte7,
+                    const L2VFIB_EntryKey *key, const void *block, uint32_t length);
 
 // Reads an AC data answer of received bytes into list. Returns L2VFIB_OK
 // (list->count set to N; or, for N of 0 or an entry size of 0, list

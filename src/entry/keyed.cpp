@@ -22,25 +22,17 @@ constexpr uint32_t kKeySize = 8;
 constexpr uint32_t kKeyedSize = 8 + 4 + kKeySize;
 }  // namespace
 
-void PutKey(uint8_t *value, const L2VFIB_EntryKey &key) {
-    PutBe32(value, key.id);
-    PutBe16(value + 4, key.subId);
-    value[6] = 0;
-    value[7] = 0;
-}
-
-uint32_t QueueKeyed(int32_t socket, uint32_t objType, uint32_t opcode, uint32_t byte7,
-                    uint32_t keyType, const L2VFIB_EntryKey *key, const void *block,
-                    uint32_t length) {
+uint32_t QueueKeyed(int32_t socket, uint32_t kind, uint32_t byte7,
+                    const L2VFIB_EntryKey *key, const void *block, uint32_t length) {
     if (key == nullptr || (block == nullptr && length != 0)) return L2VFIB_ERR_FAIL;
     // Counted in 32 bits: a block near 65535 bytes is too long, never short.
     Append append{};
     const uint32_t result = AppendBegin(socket, kKeyedSize + length, &append);
     if (result != L2VFIB_OK) return result;
-    PutKey(AppendItem(append, keyType, kKeySize), *key);
+    PutKey(AppendItem(append, kind & 0xFF, kKeySize), *key);
     if (length != 0) std::memcpy(append.pos, block, length);
     append.pos += length;
-    AppendEnd(append, objType, opcode, byte7);
+    AppendEnd(append, kind >> 16, kind >> 8 & 0xFF, byte7);
     return L2VFIB_OK;
 }
 

@@ -30,7 +30,7 @@ extern "C" {
 // Returns L2VFIB_OK; L2VFIB_ERR_NOT_OPEN when the library is not open;
 // L2VFIB_ERR_FAIL for a null key or a flush for room that failed.
 L2VFIB_API uint32_t L2VFIB_WithdrawMacAddr(int32_t socket, const L2VFIB_EntryKey *key) {
-    return l2vfib::QueueKeyed(socket, kObjWithdraw, 0, 8, kKeyItem, key, nullptr, 0);
+    return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjWithdraw, 0, kKeyItem), 8, key, nullptr, 0);
 }
 
 // Returns L2VFIB_OK, whether or not any node was up or took the message;

@@ -49,14 +49,16 @@ extern "C" {
 L2VFIB_API uint32_t L2VFIB_AddMinMEntry(int32_t socket, uint32_t byte7, uint32_t opcode,
                                         const L2VFIB_EntryKey *key, const void *block,
                                         uint16_t blockLength) {
-    return l2vfib::QueueKeyed(socket, kObjMinM, opcode, byte7, kKeyItem, key, block, blockLength);
+    return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjMinM, opcode, kKeyItem), byte7, key, block,
+                              blockLength);
 }
 
 // Returns L2VFIB_OK; L2VFIB_ERR_NOT_OPEN when the library is not open;
 // L2VFIB_ERR_FAIL for a null key or a flush for room that failed.
 L2VFIB_API uint32_t L2VFIB_DelMinMEntry(int32_t socket, uint32_t byte7, uint32_t opcode,
                                         const L2VFIB_EntryKey *key) {
-    return l2vfib::QueueKeyed(socket, kObjMinM, opcode, byte7, kKeyItem, key, nullptr, 0);
+    return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjMinM, opcode, kKeyItem), byte7, key, nullptr,
+                              0);
 }
 
 // Returns the block's length, 72 + 12 x memberCount, plus 16 with extra; or

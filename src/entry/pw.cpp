@@ -59,14 +59,14 @@ extern "C" {
 // room that failed.
 L2VFIB_API uint32_t L2VFIB_AddPwEntry(int32_t socket, uint32_t byte7, const L2VFIB_EntryKey *key,
                                       const void *block, uint16_t blockLength) {
-    return l2vfib::QueueKeyed(socket, kObjPw, l2vfib::kOpAdd, byte7, kKeyItem, key, block,
+    return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjPw, l2vfib::kOpAdd, kKeyItem), byte7, key, block,
                               blockLength);
 }
 
 // Returns L2VFIB_OK; L2VFIB_ERR_NOT_OPEN when the library is not open;
 // L2VFIB_ERR_FAIL for a null key or a flush for room that failed.
 L2VFIB_API uint32_t L2VFIB_DelPwEntry(int32_t socket, uint32_t byte7, const L2VFIB_EntryKey *key) {
-    return l2vfib::QueueKeyed(socket, kObjPw, l2vfib::kOpDelete, byte7, kKeyItem, key, nullptr, 0);
+    return l2vfib::QueueKeyed(socket, l2vfib::Keyed(kObjPw, l2vfib::kOpDelete, kKeyItem), byte7, key, nullptr, 0);
 }
 
 // Returns the block's length, 32 + 4c without sub-records, 56 + 4c or
@@ -76,27 +76,27 @@ L2VFIB_API uint32_t L2VFIB_DelPwEntry(int32_t socket, uint32_t byte7, const L2VF
 L2VFIB_API uint32_t L2VFIB_EncLpwEntry(const L2VFIB_LpwEntry *entry, uint32_t room, void *out) {
     const uint32_t c = l2vfib_Caps.fillWords13;
     if (entry == nullptr || out == nullptr || c > kMaxFill || room < 4 * (c + 21)) return 0;
-    // The room test covers the largest block, so both items fit; each value
-    // is written whole behind its item header.
+    // The room test covers the largest block, so both items fit: their
+    // values are written whole first, then STLV_Set puts each header in
+    // front of its value (given no value, it leaves those bytes as they are).
     auto *o = static_cast<uint8_t *>(out);
-    uint8_t *value = l2vfib::OpenItem(o, room, kAttrItem, kAttrFixed + 4 * c);
-    if (value == nullptr) return 0;
+    const uint32_t attrLength = kAttrFixed + 4 * c;
+    uint8_t *value = o + l2vfib::kItemHead;
     PutBe64(value, entry->attr64[0]);
     PutBe64(value + 8, entry->attr64[1]);
     PutBe32(value + 16, entry->attr32);
     for (int i = 0; i < 3; ++i) PutBe16(value + 20 + 2 * i, entry->attr16[i]);
     value[26] = entry->attr8;
     value[27] = 0;
-    std::memset(value + kAttrFixed, 0xFF, 4 * c);
-    uint32_t n = l2vfib::kItemHead + kAttrFixed + 4 * c;
+    if (c != 0) std::memset(value + kAttrFixed, 0xFF, 4 * c);
+    const uint32_t n = STLV_Set(o, room, kAttrItem, attrLength, nullptr);
+    if (n == 0) return 0;
 
-    const uint32_t subs = uint32_t{entry->sub[0] != nullptr} + uint32_t{entry->sub[1] != nullptr};
-    if (subs == 0) return n;
-    value = l2vfib::OpenItem(o + n, room - n, kSubItem, kSubSize * subs);
-    if (value == nullptr) return n;
+    uint32_t subs = 0;
     for (const L2VFIB_LpwSubEntry *sub : entry->sub)
-        if (sub != nullptr) PutSub(*sub, value), value += kSubSize;
-    return n + l2vfib::kItemHead + kSubSize * subs;
+        if (sub != nullptr) PutSub(*sub, o + n + l2vfib::kItemHead + kSubSize * subs++);
+    if (subs == 0) return n;
+    return n + STLV_Set(o + n, room - n, kSubItem, kSubSize * subs, nullptr);
 }
 
 }  // extern "C"

@@ -139,24 +139,11 @@ L2VFIB_API uint32_t L2VFIB_Send_Cfg(int32_t socket, L2VFIB_CmdId cmd, uint32_t b
 
 namespace l2vfib {
 
-uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append) {
-    L2VFIB_BatchBuf *batch = l2vfib_Batch;
-    if (batch == nullptr) return L2VFIB_ERR_NOT_OPEN;
+uint32_t AppendMakeRoom(int32_t socket, uint32_t needed) {
     // A message longer than the whole area can never be queued; refuse it
     // before the queue is sent for nothing.
     if (needed > L2VFIB_BATCH_SIZE) return L2VFIB_ERR_FAIL;
-    if (FreeBytes(batch) < needed && l2vfib_FlushNoWait(socket) != L2VFIB_OK)
-        return L2VFIB_ERR_FAIL;
-    append->msg = batch->area + batch->used;
-    append->pos = append->msg + kHeadSize;
-    append->end = batch->area + L2VFIB_BATCH_SIZE;
-    return L2VFIB_OK;
-}
-
-void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7) {
-    const auto length = static_cast<uint16_t>(append.pos - append.msg);
-    PutMsgHead(append.msg, objType, length - kHeadSize, opcode, byte7);
-    l2vfib_Batch->used = static_cast<uint16_t>(l2vfib_Batch->used + length);
+    return l2vfib_FlushNoWait(socket) == L2VFIB_OK ? L2VFIB_OK : L2VFIB_ERR_FAIL;
 }
 
 uint32_t AppendReopen(int32_t socket, Append *append, uint32_t objType, uint32_t opcode,

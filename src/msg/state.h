@@ -74,8 +74,30 @@ struct Append {
     uint8_t *end;
 };
 
-uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append);
-void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7);
+// AppendBegin's way when fewer than needed bytes are free: refuses a
+// message longer than the whole area, else sends the queue without
+// blocking.
+uint32_t AppendMakeRoom(int32_t socket, uint32_t needed);
+
+// (Inline: they run once for every message the entry functions queue.)
+inline uint32_t AppendBegin(int32_t socket, uint32_t needed, Append *append) {
+    L2VFIB_BatchBuf *batch = l2vfib_Batch;
+    if (batch == nullptr) return L2VFIB_ERR_NOT_OPEN;
+    if (needed > uint32_t{L2VFIB_BATCH_SIZE} - batch->used) {
+        const uint32_t result = AppendMakeRoom(socket, needed);
+        if (result != L2VFIB_OK) return result;
+    }
+    append->msg = batch->area + batch->used;
+    append->pos = append->msg + kHeadSize;
+    append->end = batch->area + L2VFIB_BATCH_SIZE;
+    return L2VFIB_OK;
+}
+
+inline void AppendEnd(const Append &append, uint32_t objType, uint32_t opcode, uint32_t byte7) {
+    const auto length = static_cast<uint32_t>(append.pos - append.msg);
+    PutMsgHead(append.msg, objType, length - kHeadSize, opcode, byte7);
+    l2vfib_Batch->used = static_cast<uint16_t>(l2vfib_Batch->used + length);
+}
 
 // Writes the header of an item of length value bytes at the append position
 // (STLV_Set given no value) and moves the position behind the value;

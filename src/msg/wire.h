@@ -30,8 +30,8 @@ inline void PutBe32(uint8_t *p, uint32_t v) {
 }
 
 inline void PutBe64(uint8_t *p, uint64_t v) {
-    PutBe32(p, static_cast<uint32_t>(v >> 32));
-    PutBe32(p + 4, static_cast<uint32_t>(v));
+    const uint64_t be = std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+    std::memcpy(p, &be, sizeof be);
 }
 
 inline uint16_t GetBe16(const uint8_t *p) {

@@ -1,6 +1,6 @@
 // The attachment circuit's information value (TLV 22). The catalogue's
 // encoder for object type 22 and the attachment-circuit add send the same
-// value, so both stage it here.
+// value, so both write it here.
 #ifndef L2VFIB_ENC_AC_INFO_H
 #define L2VFIB_ENC_AC_INFO_H
 
@@ -10,11 +10,11 @@
 
 namespace l2vfib {
 
-// Item values are staged in local areas of this size.
+// No item value is longer than this (the bound of the all-ones tails).
 constexpr uint32_t kValueArea = 256;
 // The fixed part of the value, before the all-ones words.
 constexpr uint32_t kAcInfoFixed = 48;
-// The most all-ones words that still fit a staging area: 48 + 4 x 52 = 256.
+// The most all-ones words within that bound: 48 + 4 x 52 = 256.
 constexpr uint32_t kAcInfoMaxFill = (kValueArea - kAcInfoFixed) / 4;
 
 // The value's length with fillWords all-ones words, 48 + 4 x fillWords, or

@@ -18,7 +18,7 @@
 //   +----+-----+---+  +------+-----+------------+-----+-----+-----+-----+-------+
 //
 //   TLV 20 (8), the key, and TLV 22 (48 + 4c, c = fillWords22): the
-//   attachment circuit's information value, staged by StageAcInfo.
+//   attachment circuit's information value, written by PutAcInfo.
 //
 // All numbers are big-endian. The name goes as at most its first 31
 // characters, up to its first NUL, zero-padded: always NUL-terminated.

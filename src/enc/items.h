@@ -25,7 +25,7 @@
 namespace l2vfib {
 
 // The most all-ones words behind a fixed part of fixed bytes that still
-// fit a staging area.
+// fit a value's bound of kValueArea bytes.
 constexpr uint32_t MaxFill(uint32_t fixed) { return (kValueArea - fixed) / 4; }
 
 // How an address block goes on the wire: reserved bytes copied or sent as

@@ -26,7 +26,7 @@
 //   +-----+-----+-----+-----+---+         +-----+-----+-----+
 //
 // Any other kind sends TLV 21 alone. All numbers are big-endian; the pair
-// lists are converted straight into the output, so they need no staging.
+// lists are converted straight into the output like every other value.
 #include <cstdint>
 
 #include "enc/encoders.h"
@@ -101,7 +101,7 @@ extern "C" {
 
 // Returns the payload length, or 0 (refused) when room is below
 // 4 x (fillWords21 + 77), the key is null, or, with an entry record: the
-// count is above 61 (TLV 21 would outgrow its staging area), kind 1 to 4
+// count is above 61 (TLV 21 would outgrow its 256-byte bound), kind 1 to 4
 // comes without its variant record, or the lists do not fit the room. Every
 // refusal comes before the first byte is written.
 uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t room, uint8_t *out) {

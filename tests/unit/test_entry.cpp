@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <numeric>
 #include <sys/socket.h>
 
@@ -107,9 +108,33 @@ const QueuedRow kQueued[] = {
 
 class Queues : public OpenLibraryTest, public ::testing::WithParamInterface<QueuedRow> {};
 
+// Queued in an empty batch, and behind the queue when exactly the bytes it
+// needs are free; with one byte fewer the queue is sent first without
+// blocking, and when that send fails nothing changes. Closed: NOT_OPEN.
 TEST_P(Queues, ItsMessageWhereItFits) {
-    l2vfib_Caps.fillWords22 = GetParam().fill22;
-    ExpectQueued(GetParam().call, Hex(GetParam().message), GetParam().needed);
+    const QueuedRow &row = GetParam();
+    const Bytes message = Hex(row.message);
+    l2vfib_Caps.fillWords22 = row.fill22;
+    Leave(L2VFIB_BATCH_SIZE);
+    ASSERT_EQ(row.call(fd_), L2VFIB_OK);
+    EXPECT_EQ(ToHex(Queued()), ToHex(message));
+    if (row.needed != 0) {
+        Leave(row.needed);
+        ASSERT_EQ(row.call(fd_), L2VFIB_OK);
+        EXPECT_EQ(ToHex(Queued()), ToHex(Bytes(L2VFIB_BATCH_SIZE - row.needed, 0) + message));
+        Leave(row.needed - 1);
+        P().sendResults = {-EAGAIN};
+        EXPECT_EQ(row.call(fd_), L2VFIB_ERR_FAIL);
+        EXPECT_EQ(Used(), L2VFIB_BATCH_SIZE + 1 - row.needed);
+        EXPECT_EQ(Area(), Bytes(L2VFIB_BATCH_SIZE, 0));
+        ASSERT_EQ(row.call(fd_), L2VFIB_OK);
+        ASSERT_EQ(P().sends.size(), 2u);
+        EXPECT_EQ(P().sends[1].data, Bytes(L2VFIB_BATCH_SIZE + 1 - row.needed, 0));
+        EXPECT_EQ(P().sends[1].flags, MSG_DONTWAIT);
+        EXPECT_EQ(ToHex(Queued()), ToHex(message));
+    }
+    L2VFIB_Close(fd_);
+    EXPECT_EQ(row.call(fd_), L2VFIB_ERR_NOT_OPEN);
 }
 
 INSTANTIATE_TEST_SUITE_P(Messages, Queues, ::testing::ValuesIn(kQueued),

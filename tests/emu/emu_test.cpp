@@ -30,11 +30,11 @@ const char *kAlloc =
 // failure.
 TEST_F(EmuTest, AnswersOnlyAFreshSocket) {
     Steer(Json{{"cmd", "ident"}, {"next", 500}});
-    SendRaw(Hex(kAlloc), false, true);
+    SendRaw(Hex(kAlloc), true);
     EXPECT_EQ(Answer(), Hex("00 1d 00 08 00 00 05 08 | 00 b8 00 04 00 00 01 f4"));
     SendRaw(Hex(kAlloc));
     EXPECT_EQ(Answer(), Bytes{});
-    SendRaw(Hex("00 03 00 0c 00"), false, true);
+    SendRaw(Hex("00 03 00 0c 00"), true);
     EXPECT_EQ(Answer(), Hex("00 00 00 08 00 00 00 08 | 00 25 00 04 40 01 00 01"));
 }
 
@@ -85,7 +85,7 @@ class CapturingEmu : public EmuTest {
 
 TEST_F(CapturingEmu, CapturesEachDatagramWithItsDirection) {
     SendRaw(Hex(kCfg20));
-    SendRaw(Hex(kAlloc), false, true);
+    SendRaw(Hex(kAlloc), true);
     ASSERT_FALSE(Answer().empty());
     char error[PCAP_ERRBUF_SIZE] = {};
     pcap_t *pcap = pcap_open_offline(capture_.c_str(), error);

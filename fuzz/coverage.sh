@@ -22,7 +22,7 @@ sources() {
     reply | notice) echo src/msg/reply.cpp ;;
     acdata) echo src/entry/acdata.cpp ;;
     event) echo src/event/dispatch.cpp ;;
-    frames) echo src/msg/reply.cpp src/msg/catalogue.cpp src/msg/head.cpp src/enc/*.cpp ;;
+    frames) echo src/msg/catalogue.cpp src/msg/head.cpp src/enc/*.cpp ;;
     esac
 }
 

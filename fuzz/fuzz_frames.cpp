@@ -1,13 +1,7 @@
-// Structured fuzzing of both directions of the message layer.
-//
-// Receive mode: a frame of a header and up to six items (types leaning to
-// 36, 37 and 184, values short or long), whose payload and item lengths may
-// lie, maybe cut or padded past the 256-byte reply and 1400-byte notice
-// areas, goes to l2vfib_ParseReply and, as a datagram, to L2VFIB_HandleMsg.
-//
-// Send mode: l2vfib_EncodeCmd builds any code into a room of 0 to 1400
-// bytes with guard bytes on both sides, under fuzz-chosen capability
-// counts, from records that are null or fuzz-filled, each in an allocation
+// Structured fuzzing of the catalogue's encoders (replies and notices are
+// fuzz_reply's and fuzz_notice's): l2vfib_EncodeCmd builds any code into a
+// room of 0 to 1400 bytes with guard bytes on both sides, under fuzz-chosen
+// capability counts, from records that are null or fuzz-filled, each in an allocation
 // of exactly the size its encoder reads: variant entries of every kind with
 // their records, ext blocks and pair lists, range lists of count words. The
 // build runs twice over buffers prefilled with opposite patterns: both must
@@ -28,48 +22,6 @@ namespace {
 
 using fuzzcheck::Be16;
 using Bytes = std::vector<uint8_t>;
-
-void Put16(Bytes &f, size_t at, uint32_t v) {
-    f[at] = static_cast<uint8_t>(v >> 8);
-    f[at + 1] = static_cast<uint8_t>(v);
-}
-
-// A length field: honest, a few bytes off, or anything.
-uint16_t Length(FuzzedDataProvider &fdp, size_t honest) {
-    switch (fdp.ConsumeIntegralInRange(0, 3)) {
-    case 0: return fdp.ConsumeIntegral<uint16_t>();
-    case 1: return static_cast<uint16_t>(std::max<long>(0, long(honest) + fdp.ConsumeIntegralInRange(-4, 4)));
-    default: return static_cast<uint16_t>(honest);
-    }
-}
-
-void Receive(FuzzedDataProvider &fdp) {
-    const bool withCallback = fdp.ConsumeIntegralInRange(0, 3) != 0;
-    Bytes f(8);
-    for (int items = fdp.ConsumeIntegralInRange(0, 6); items > 0; --items) {
-        static constexpr uint16_t kTypes[] = {36, 37, 184};
-        const uint16_t type = fdp.ConsumeBool() ? kTypes[fdp.ConsumeIntegralInRange(0, 2)]
-                                                : fdp.ConsumeIntegral<uint16_t>();
-        const Bytes value = fdp.ConsumeBytes<uint8_t>(
-            fdp.ConsumeBool() ? 4 : fdp.ConsumeIntegralInRange<size_t>(0, 1500));
-        f.resize(f.size() + 4);
-        Put16(f, f.size() - 4, type);
-        Put16(f, f.size() - 2, Length(fdp, value.size()));
-        f.insert(f.end(), value.begin(), value.end());
-    }
-    const Bytes head = fdp.ConsumeBytes<uint8_t>(8);
-    std::copy(head.begin(), head.end(), f.begin());
-    Put16(f, 2, Length(fdp, f.size() - 8));
-    switch (fdp.ConsumeIntegralInRange(0, 7)) {
-    case 0: f.resize(fdp.ConsumeIntegralInRange<size_t>(0, f.size())); break;
-    case 1: f.resize(std::max(f.size(), fdp.ConsumeIntegralInRange<size_t>(240, 1600)),
-                     fdp.ConsumeIntegral<uint8_t>()); break;
-    default: break;
-    }
-    fuzzcheck::Reply(f.data(), f.size());
-    if (f.size() > 256) fuzzcheck::Reply(f.data(), 256);  // what a reply read keeps
-    fuzzcheck::Notice(f.data(), f.size(), withCallback);
-}
 
 // The records of one build, each an allocation of exactly the size asked
 // (none at all for a record the encoder does not read), filled from the
@@ -207,9 +159,6 @@ void Send(FuzzedDataProvider &fdp) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider fdp(data, size);
-    if (fdp.ConsumeBool())
-        Send(fdp);
-    else
-        Receive(fdp);
+    Send(fdp);
     return 0;
 }

@@ -104,7 +104,7 @@ std::string EmuTest::Log() {
     return text.str();
 }
 
-void EmuTest::SendRaw(const Bytes &datagram, bool toEvents, bool freshSocket) {
+void EmuTest::SendRaw(const Bytes &datagram, bool freshSocket) {
     if (freshSocket && raw_ >= 0) {
         close(raw_);
         raw_ = -1;
@@ -115,8 +115,7 @@ void EmuTest::SendRaw(const Bytes &datagram, bool toEvents, bool freshSocket) {
     }
     sockaddr_un address{};
     socklen_t length = 0;
-    ASSERT_TRUE(l2vfib::host::NodePortAddress(toEvents ? 0x0001 : 0x8000, toEvents ? 12566 : 2670,
-                                              &address, &length));
+    ASSERT_TRUE(l2vfib::host::NodePortAddress(0x8000, 2670, &address, &length));
     ASSERT_EQ(sendto(raw_, datagram.data(), datagram.size(), 0,
                      reinterpret_cast<sockaddr *>(&address), length),
               static_cast<ssize_t>(datagram.size()));

@@ -36,10 +36,10 @@ class EmuTest : public ::testing::Test {
     std::string Log();
 
     // A datagram sent from a socket of the test's own (a new one with
-    // freshSocket) to the forwarding service (node 0x8000, port 2670) or the
-    // event service; Answer reads
-    // what comes back on that socket within a second (empty when nothing).
-    void SendRaw(const Bytes &datagram, bool toEvents = false, bool freshSocket = false);
+    // freshSocket) to the forwarding service (node 0x8000, port 2670);
+    // Answer reads what comes back on that socket within a second (empty
+    // when nothing).
+    void SendRaw(const Bytes &datagram, bool freshSocket = false);
     Bytes Answer();
 
     // Options for `l2vfib-emu start --foreground`, set before SetUp.

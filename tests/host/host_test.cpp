@@ -1,8 +1,7 @@
-// The host platform, and the real library over it, on real sockets: each
-// test has a fresh device directory, and peers bound in it stand in for the
-// forwarding service and the control endpoint.
+// The host platform on real sockets: each test has a fresh device
+// directory, and peers bound in it stand in for the control endpoint. (The
+// library over this platform is the emulated device's tests' to check.)
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -19,7 +18,6 @@
 #include "control_proto.h"
 #include "l2vfib.h"
 #include "l2vfib_platform.h"
-#include "msg/state.h"
 
 namespace {
 
@@ -161,12 +159,12 @@ TEST_F(HostSocket, AddressesErrnoAndTimeOuts) {
 
 using HostDevice = DeviceDir;
 
+// The node list, the tunnel mode and a control call with its answer cut to
+// the room. (Node states and the local node are the emulated device's.)
 TEST_F(HostDevice, ServicesAreAnsweredByTheControlEndpoint) {
     Peer device(dir_ + "/control", ControlDevice([](const ControlRequest &r) -> Answer {
         switch (r.op) {
             case kOpGetAllNodes: return {0, {0x00, 0x01, 0x80, 0x00}};
-            case kOpIsNodeUp: return {r.arg0 == 0x8000, {}};
-            case kOpGetLocalLip: return {0x0a000005, {}};
             case kOpTunnelGetMode: return r.arg0 == 7 ? Answer{0, {0, 0, 0, 24}} : Answer{9, {}};
             default: return {0x1234, Bytes(64, 0x5A)};
         }
@@ -176,15 +174,19 @@ TEST_F(HostDevice, ServicesAreAnsweredByTheControlEndpoint) {
     ASSERT_EQ(count, 2u);
     EXPECT_EQ(nodes[1], 0x8000);
     std::free(nodes);
-    EXPECT_EQ(std::tuple(IF_IsNodeUp(0x8000), IF_IsNodeUp(2), LIP_GetLocalLip(0)),
-              std::tuple(1u, 0u, 0x0a000005u));
     EXPECT_EQ(TUNNEL_GetMode(7, &mode), 0u);
     EXPECT_EQ(TUNNEL_GetMode(8, &mode), 9u);
     EXPECT_EQ(mode, 24u);  // from the first call, untouched by the second
     Bytes answer(24, 0xEE);  // 64 bytes offered, room for 16
-    EXPECT_EQ(CIOCTL(3, 0x44000c, 0, nullptr, 16, answer.data(), &answerLength), 0x1234u);
+    const uint8_t input[2] = {0x0a, 0x0b};
+    EXPECT_EQ(CIOCTL(3, 0x44000c, 2, input, 16, answer.data(), &answerLength), 0x1234u);
     EXPECT_EQ(answerLength, 16u);
     EXPECT_EQ(answer, [] { Bytes e(16, 0x5A); e.resize(24, 0xEE); return e; }());
+    // The last request as sent, its sequence number zeroed.
+    Bytes request = device.Stop().back();
+    std::fill_n(request.begin() + 4, 4, 0);
+    EXPECT_EQ(request, Bytes({1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0x44, 0, 0x0c, 0, 0, 0, 16,
+                              0, 0, 0, 2, 0x0a, 0x0b}));
 }
 
 TEST_F(HostDevice, WithoutADeviceCallsFailAsADeviceWould) {
@@ -205,129 +207,6 @@ TEST_F(HostDevice, WithoutADeviceCallsFailAsADeviceWould) {
                ControlDevice([](const ControlRequest &) { return Answer{}; }, 1));
     EXPECT_NE(CIOCTL(0x8000, 0x440002, 0, nullptr, 8, answer, &answerLength), 0u);
     EXPECT_EQ(stale.Stop().size(), 1u);
-}
-
-// A service message: header (object type 1, payload 8, opcode 1, byte 7 8)
-// and one item holding a big-endian 32-bit value.
-Bytes Message(uint8_t item, uint32_t value) {
-    return {0, 1, 0, 8, 0, 0, 1, 8, 0, item, 0, 4,
-            uint8_t(value >> 24), uint8_t(value >> 16), uint8_t(value >> 8), uint8_t(value)};
-}
-
-using HostLibrary = DeviceDir;
-
-TEST_F(HostLibrary, ADaemonsSessionOverRealSockets) {
-    // The device reports five capability counts, and answers 0x77 to any other call.
-    Peer device(dir_ + "/control", ControlDevice([](const ControlRequest &r) {
-        Answer caps{0, Bytes(512, 0)};
-        caps.data[8] = 2, caps.data[9] = 3, caps.data[10] = 4, caps.data[11] = 5, caps.data[40] = 6;
-        return r.arg1 == 0x440002 ? caps : Answer{0x77, {}};
-    }));
-    // The service answers a single-item request with its value plus 0x100,
-    // and a batch with a notice.
-    std::atomic<uint8_t> item{37};  // a result; 184 for an identifier
-    Peer service(dir_ + "/node-8000.port-2670", [&item](const Bytes &request) {
-        if (request.size() != 16) return Message(36, 0xCAFE0001);
-        return Message(item, (uint32_t(request[14]) << 8 | request[15]) + 0x100);
-    });
-    static std::vector<std::pair<uint32_t, uint32_t>> notices;  // kind, value
-    notices.clear();
-    const int32_t fd = L2VFIB_Open([](uint32_t kind, uint32_t *value) {
-        notices.emplace_back(kind, *value);
-        return 0u;
-    });
-    ASSERT_GE(fd, 0);
-    const L2VFIB_DevCaps &c = l2vfib_Caps;
-    EXPECT_EQ(std::tuple(c.fillWords22, c.fillWords13, c.fillWords21, c.fillWords33, c.fillWords39),
-              std::tuple(2, 3, 4, 5, 6));
-    const uint32_t first = 0x11223344, second = 5, asked = 0x42;
-    EXPECT_EQ(L2VFIB_Send_Cfg(fd, 20, 0, &first, nullptr), L2VFIB_OK);   // batched by its code
-    EXPECT_EQ(L2VFIB_Send_Cfg(fd, 18, 1, &second, nullptr), L2VFIB_OK);  // batched on request
-    EXPECT_EQ(L2VFIB_FlushEntry(fd), L2VFIB_OK);
-    // The notice needs the client autobound; without it, stop here rather than
-    // wait minutes for the answers below. (HandleMsg itself waits without limit.)
-    pollfd readable{fd, POLLIN, 0};
-    ASSERT_EQ(poll(&readable, 1, 2000), 1);
-    EXPECT_EQ(L2VFIB_HandleMsg(fd), L2VFIB_OK);
-    EXPECT_EQ(notices, (std::vector<std::pair<uint32_t, uint32_t>>{{1, 0xCAFE0001}}));
-    EXPECT_EQ(L2VFIB_Send_Cfg(fd, 18, 0, &asked, nullptr), 0x142u);  // answered at once
-    item = 184;
-    EXPECT_EQ(L2VFIB_AllocECID(18, &asked, nullptr), 0x142);
-    L2VFIB_Close(fd);
-    const Bytes request = {0x00, 0x01, 0x00, 0x08, 0x00, 0x00, 0x01, 0x08,   // code 18
-                           0x00, 0x64, 0x00, 0x04, 0x00, 0x00, 0x00, 0x42};  // TLV 100
-    EXPECT_EQ(service.Stop(), std::vector<Bytes>({{0x00, 0x02, 0x00, 0x08, 0x00, 0x00, 0x01, 0x08,
-                                                   0x00, 0x64, 0x00, 0x04, 0x11, 0x22, 0x33, 0x44,
-                                                   0x00, 0x01, 0x00, 0x08, 0x00, 0x00, 0x01, 0x08,
-                                                   0x00, 0x64, 0x00, 0x04, 0x00, 0x00, 0x00, 0x05},
-                                                  request, request}));
-
-    // The control requests, sequence numbers zeroed: the query at open, then the calls.
-    EXPECT_EQ(L2VFIB_Start(0x0102, 5), 0x77u);
-    EXPECT_EQ(L2VFIB_Stop(0x0102), 0u);
-    const uint8_t range[] = {0x00, 0x0a, 0x00, 0x14};
-    EXPECT_EQ(L2VFIB_CheckVlanRange(3, sizeof range, range), 0x77u);
-    std::vector<Bytes> requests = device.Stop();
-    for (Bytes &r : requests) std::fill_n(r.begin() + 4, r.size() >= 8 ? 4 : 0, 0);
-    EXPECT_EQ(requests, std::vector<Bytes>({
-        {1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0, 0, 0x44, 0, 2, 0, 0, 2, 0, 0, 0, 0, 0},  // caps
-        {1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0x44, 0, 5, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 5},
-        {1, 2, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0x44, 0, 6, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0},
-        {1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0x44, 0, 0x0c, 0, 0, 0, 0, 0, 0, 0, 4,
-         0x00, 0x0a, 0x00, 0x14}}));
-}
-
-TEST_F(HostLibrary, AnEventReachesTheDaemonsPollLoop) {
-    // No control endpoint: the local node is 0x0001. The event service answers
-    // a registration with one event: tag 0x0102, an item of type 3.
-    const Bytes event = {0, 20, 0, 16, 1, 2, 0, 0, 0, 3, 0, 12, 0, 0, 0, 1, 0, 0, 0, 2, 3, 4, 5, 6};
-    Peer service(dir_ + "/node-0001.port-12566", [&event](const Bytes &request) {
-        return request.size() == 40 ? event : Bytes{};
-    });
-    static std::tuple<uint32_t, uint32_t, uint32_t, uint16_t> seen;
-    const int32_t fd = L2VFIB_InitEvent(5);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(L2VFIB_HandleEvtMsg(fd), L2VFIB_ERR_NO_DATA);  // nothing yet, and no wait
-    L2VFIB_RegEvent(fd, 0x1010, nullptr, 9, [](uint32_t tag, const void *record) {
-        const auto *r = static_cast<const L2VFIB_EvtRecord3 *>(record);
-        seen = {tag, r->word0, r->word1, r->half0};
-        return 0x77u;
-    }, 3);
-    pollfd readable{fd, POLLIN, 0};
-    ASSERT_EQ(poll(&readable, 1, 2000), 1);
-    EXPECT_EQ(L2VFIB_HandleEvtMsg(fd), 0x77u);
-    EXPECT_EQ(seen, std::tuple(0x0102u, 1u, 2u, uint16_t{0x0304}));
-    EXPECT_EQ(L2VFIB_FiniEvent(fd), 0);
-    const std::vector<Bytes> received = service.Stop();  // open, register, close
-    ASSERT_EQ(received.size(), 3u);
-    EXPECT_EQ(std::tuple(received[0].size(), received[0][6], received[1][6], received[2][6]),
-              std::tuple(16u, 5, 5, 7));
-}
-
-// The AC flag message goes alone; the AC data query is answered on the
-// caller's own socket. (Both messages byte for byte, and every field of the
-// answer, are the unit tests' to check.)
-TEST_F(HostLibrary, AcFlagAndAcDataQueryOnTheCallersSocket) {
-    Peer service(dir_ + "/node-8000.port-2670", [](const Bytes &request) {
-        if (request.size() != 20) return Bytes{};
-        return Bytes{0, 0, 0, 0x24, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x1c, 0, 0, 0, 0,  // heads
-                     0, 1, 0, 4, 0, 0, 0, 1, 0, 2, 0, 0x10,  // one entry of 16 bytes
-                     0x8a, 0x8b, 0x8c, 0x8d, 0, 0, 0, 0, 0, 0, 0, 0, 0x96, 0x97, 0x98, 0x99};
-    });
-    const int32_t fd = l2vfib_ConnectService();  // the library need not be open
-    ASSERT_GE(fd, 0);
-    const uint32_t wait[2] = {5, 0};  // a peer that never answers fails the query
-    ASSERT_EQ(SKT_SetOpt(fd, 1, 0x1006, wait, sizeof wait), 0);
-    EXPECT_EQ(L2VFIB_SetAcFlagClear(fd, 1), L2VFIB_OK);
-    L2VFIB_AcData slots[L2VFIB_AC_DATA_MAX] = {};
-    L2VFIB_AcDataList list = {0, slots};
-    EXPECT_EQ(L2VFIB_GetAcData(fd, &list), L2VFIB_OK);
-    EXPECT_EQ(std::tuple(list.count, slots[0].word0, slots[0].word1),
-              std::tuple(1u, 0x8a8b8c8du, 0x96979899u));
-    SKT_Close(fd);
-    const std::vector<Bytes> received = service.Stop();
-    ASSERT_EQ(received.size(), 2u);
-    EXPECT_EQ(std::pair(received[0].size(), received[0][6]), std::pair(size_t{16}, uint8_t{0x11}));
 }
 
 }  // namespace

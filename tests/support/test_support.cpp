@@ -1,10 +1,8 @@
 #include "test_support.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/socket.h>
 
 namespace l2vt {
 
@@ -77,30 +75,6 @@ void OpenLibraryTest::Leave(size_t free) {
     ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
     P().ClearRecords();
     l2vfib_Batch->used = static_cast<uint16_t>(L2VFIB_BATCH_SIZE - free);
-}
-
-void OpenLibraryTest::ExpectQueued(const std::function<uint32_t(int32_t)> &call,
-                                   const Bytes &message, size_t needed) {
-    Leave(L2VFIB_BATCH_SIZE);
-    ASSERT_EQ(call(fd_), L2VFIB_OK);
-    EXPECT_EQ(ToHex(Queued()), ToHex(message));
-    if (needed != 0) {
-        Leave(needed);
-        ASSERT_EQ(call(fd_), L2VFIB_OK);
-        EXPECT_EQ(ToHex(Queued()), ToHex(Bytes(L2VFIB_BATCH_SIZE - needed, 0) + message));
-        Leave(needed - 1);
-        P().sendResults = {-EAGAIN};
-        EXPECT_EQ(call(fd_), L2VFIB_ERR_FAIL);
-        EXPECT_EQ(Used(), L2VFIB_BATCH_SIZE + 1 - needed);
-        EXPECT_EQ(Area(), Bytes(L2VFIB_BATCH_SIZE, 0));
-        ASSERT_EQ(call(fd_), L2VFIB_OK);
-        ASSERT_EQ(P().sends.size(), 2u);
-        EXPECT_EQ(P().sends[1].data, Bytes(L2VFIB_BATCH_SIZE + 1 - needed, 0));
-        EXPECT_EQ(P().sends[1].flags, MSG_DONTWAIT);
-        EXPECT_EQ(ToHex(Queued()), ToHex(message));
-    }
-    L2VFIB_Close(fd_);
-    EXPECT_EQ(call(fd_), L2VFIB_ERR_NOT_OPEN);
 }
 
 }  // namespace l2vt

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -82,12 +81,6 @@ class OpenLibraryTest : public LibraryTest {
     // Sends the queue, clears the records and leaves free bytes of the area
     // free behind a queue of zeros.
     void Leave(size_t free);
-    // call queues message in an empty batch, and behind the queue when
-    // exactly needed bytes are free (0: not tried); with one byte fewer it
-    // first sends the queue without blocking, and when that send fails it
-    // changes nothing. Closed, call answers L2VFIB_ERR_NOT_OPEN.
-    void ExpectQueued(const std::function<uint32_t(int32_t)> &call, const Bytes &message,
-                      size_t needed);
 };
 
 }  // namespace l2vt

@@ -1,6 +1,7 @@
-// The AC flag message and the AC data query: what goes out on the caller's
-// socket, and how the answer is read into the caller's list or refused
-// with the list untouched. Neither needs the library open.
+// The AC data query: what goes out on the caller's socket, and how the
+// answer is read into the caller's list or refused with the list untouched.
+// It needs no open library. (The AC flag message is a row of the entry
+// tests' table of messages sent alone.)
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -13,21 +14,6 @@
 using namespace l2vt;
 
 namespace {
-
-using AcFlag = LibraryTest;
-
-TEST_F(AcFlag, OpcodeSeventeenOnlyForFlagOne) {
-    P().sendResults = {-EINTR, 16, 16, 16, 16, 15, -EIO};
-    for (int32_t flag : {1, 0, 2, -1}) EXPECT_EQ(L2VFIB_SetAcFlagClear(3, flag), L2VFIB_OK);
-    EXPECT_EQ(L2VFIB_SetAcFlagClear(3, 1), L2VFIB_ERR_FAIL);
-    EXPECT_EQ(L2VFIB_SetAcFlagClear(3, 1), L2VFIB_ERR_FAIL);
-    std::vector<std::string> sent;
-    for (const auto &s : P().sends) sent.push_back(ToHex(s.data) + (s.flags ? " nonblocking" : ""));
-    const std::string f17 = "00 10 00 04 00 03 11 00 00 00 00 00 00 0d 00 00";
-    const std::string f16 = "00 10 00 04 00 03 10 00 00 00 00 00 00 0d 00 00";
-    EXPECT_EQ(sent, (std::vector<std::string>{f17, f17, f16, f16, f16, f17, f17}));
-    EXPECT_TRUE(P().recvs.empty());
-}
 
 // Answers: 12-byte head (L), 8-byte head (P), count item (N), entry item.
 #define HEAD(L, P) "00 00 00 " L " 00 00 00 00 00 00 00 00 | 00 00 00 " P " 00 00 00 00 | "

@@ -63,18 +63,7 @@ TEST_F(OpenClose, OpenFailsOnlyWhenNoSocketCanBeConnected) {
                                 "socket 42", "connect 42"}));
 }
 
-TEST_F(OpenClose, NothingIsSentOrReadBeforeOpen) {
-    EXPECT_EQ(L2VFIB_Send_Cfg(3, 73, 1, nullptr, nullptr), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_EQ(L2VFIB_Send_Cfg(3, 18, 0, &kWord42, nullptr), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_EQ(L2VFIB_FlushEntry(3), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_EQ(l2vfib_FlushNoWait(3), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_EQ(L2VFIB_AllocECID(18, &kWord42, nullptr), -1);
-    P().recvResults = {fake::RecvResult::Datagram(Bytes(16, 0))};
-    EXPECT_EQ(L2VFIB_HandleMsg(3), L2VFIB_ERR_NOT_OPEN);
-    EXPECT_TRUE(P().trace.empty());
-}
-
-TEST_F(OpenClose, SecondOpenFailsAndCloseDiscardsTheQueue) {
+TEST_F(OpenClose, SecondOpenFailsAndCloseDiscardsTheQueueAndStopsEverything) {
     fd_ = L2VFIB_Open(nullptr);
     ASSERT_EQ(Queue12(fd_), L2VFIB_OK);
     P().ClearRecords();
@@ -85,7 +74,14 @@ TEST_F(OpenClose, SecondOpenFailsAndCloseDiscardsTheQueue) {
     P().closeResult = -1;
     EXPECT_EQ(L2VFIB_Close(fd_), -1);
     EXPECT_EQ(l2vfib_Batch, nullptr);
+    // Closed, nothing is sent or read.
     EXPECT_EQ(Queue12(fd_), L2VFIB_ERR_NOT_OPEN);
+    EXPECT_EQ(L2VFIB_Send_Cfg(3, 18, 0, &kWord42, nullptr), L2VFIB_ERR_NOT_OPEN);
+    EXPECT_EQ(L2VFIB_FlushEntry(3), L2VFIB_ERR_NOT_OPEN);
+    EXPECT_EQ(l2vfib_FlushNoWait(3), L2VFIB_ERR_NOT_OPEN);
+    EXPECT_EQ(L2VFIB_AllocECID(18, &kWord42, nullptr), -1);
+    P().recvResults = {fake::RecvResult::Datagram(Bytes(16, 0))};
+    EXPECT_EQ(L2VFIB_HandleMsg(3), L2VFIB_ERR_NOT_OPEN);
     EXPECT_EQ(L2VFIB_Close(7), -1);  // closed already: only the socket
     EXPECT_EQ(P().trace, (Trace{"close 40", "close 7"}));
 }

@@ -1,7 +1,8 @@
 // The command catalogue: every code with an encoder builds its message,
 // byte for byte, within its room only and on every path it can take
 // (batched with batch 1, its own path otherwise, the identifier request),
-// also at the batch boundary, and refuses a null record it reads. Codes
+// and refuses a null record it reads. (The batch's last free bytes are the
+// batch tests'; each encoder's least room is tried here.) Codes
 // without an encoder, and records an encoder cannot send (counts above an
 // item's bound, lists too long for any message), are refused without a
 // byte written or sent.
@@ -425,28 +426,6 @@ TEST_P(CatalogueCode, TakesEachOfItsPathsAndTheIdentifierRequest) {
     EXPECT_EQ(P().trace, kAnswered);
     ASSERT_EQ(P().sends.size(), 1u);
     EXPECT_EQ(ToHex(P().sends[0].data), ToHex(expected));
-}
-
-// At the batch boundary: with one byte less free than the room the message
-// needs (its encoder's own test included) the queue is sent first and the
-// message goes into the empty area; with exactly that room it goes behind
-// the queue.
-TEST_P(CatalogueCode, FillsTheBatchToItsLastByte) {
-    const CmdRow &row = GetParam();
-    l2vfib_Caps = row.caps;
-    const Bytes expected = Hex(row.message);
-    const size_t fits = std::max<size_t>(expected.size(), row.fits);
-    for (size_t free : {fits - 1, fits}) {
-        SCOPED_TRACE(testing::Message() << "free " << free);
-        l2vfib_Batch->used = static_cast<uint16_t>(L2VFIB_BATCH_SIZE - free);
-        const Bytes before = Queued();
-        P().ClearRecords();
-        ASSERT_EQ(L2VFIB_Send_Cfg(fd_, row.cmd, 1, row.arg1, row.arg2), L2VFIB_OK);
-        const bool flushed = free < fits;
-        EXPECT_EQ(P().sends.empty() ? Bytes{} : P().sends[0].data, flushed ? before : Bytes{});
-        EXPECT_EQ(ToHex(Queued()), ToHex(flushed ? expected : before + expected));
-        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(ScalarCodes, CatalogueCode, ::testing::ValuesIn(kRows),

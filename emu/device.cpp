@@ -8,7 +8,7 @@
 
 #include <fmt/format.h>
 
-#include <sys/un.h>
+#include <ctime>
 
 #include <algorithm>
 #include <array>
@@ -29,8 +29,7 @@ namespace {
 
 constexpr uint8_t kAdd = 5;
 constexpr uint8_t kDelete = 7;
-constexpr size_t kLogTail = 200;
-constexpr size_t kSeenPeers = 4096;
+constexpr size_t kLogRecords = 1024;
 // The result a bad request gets (the library's code for any failure).
 constexpr uint32_t kBadRequestResult = 0x40010001;
 // The most 16-byte entries one 4096-byte AC data answer holds.
@@ -114,56 +113,224 @@ bool IsAnsweredCode(uint32_t code) {
     return kAnswered.contains(code);
 }
 
-std::string PeerText(const Peer &peer) {
-    // sockaddr_un: the family, then the path; an abstract name starts with 0.
-    constexpr size_t kPath = offsetof(sockaddr_un, sun_path);
-    if (peer.size() <= kPath) return "(unnamed)";
-    const std::string path = peer.substr(kPath);
-    if (path[0] == '\0') return "@" + path.substr(1);
-    return path.substr(0, path.find('\0'));
+namespace {
+
+MessageTable::Key TableKey(const std::vector<uint64_t> &numbers) {
+    MessageTable::Key key{};
+    for (size_t i = 0; i < numbers.size() && i < key.size(); ++i) key[i] = numbers[i];
+    return key;
 }
 
-Device::Device(std::function<void(const std::string &)> log) : log_(std::move(log)) {
-    order_ = {&pw_,  &minm_, &ac_,  &acFlag_,  &tunnel_,  &tunnelIf_, &ebg_, &mplsEbg_,
-              &ebgDf_, &mac_, &gr_, &cfg_, &channel_, &reg_, &control_, &log_tail_};
+// An entry table's row, from the message that made it: the key as text,
+// the object type of a tunnel, header byte 7, the opcode when it is not an
+// add, and every item but the key item.
+std::optional<Row> EntryRow(std::span<const uint8_t> bytes) {
+    const decode::Decoded decoded = decode::Decode(bytes, decode::Channel::kToService);
+    if (!decoded.ok() || decoded.messages.size() != 1) return std::nullopt;
+    const Message &message = decoded.messages.front();
+    Row row{MessageKey(message).text};
+    if (message.kind == Kind::kOverlayTunnel) row.fields["objtype"] = message.objType;
+    row.fields["byte7"] = message.byte7;
+    if (message.opcode != kAdd) row.fields["op"] = message.opcode;
+    PutItems(row.fields, message, KeyItemOf(message.kind));
+    return row;
+}
+
+int64_t WallMs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+std::string Clock(int64_t ms) {
+    const time_t seconds = static_cast<time_t>(ms / 1000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec, ms % 1000);
+}
+
+}  // namespace
+
+Device::Device(std::function<void(const std::string &)> log)
+    : log_(std::move(log)),
+      pw_("pw", "pseudowires: key id/subId, header byte 7, TLV 13 and 12", EntryRow),
+      minm_("minm", "MAC-in-MAC entries: key id/subId, TLV 41, 42 and 43", EntryRow),
+      ac_("ac", "attachment circuits: key id/subId, TLV 22 information, TLV 144 option", EntryRow),
+      tunnel_("tunnel", "overlay tunnels: key words of TLV 70, object type 14 or 18, TLV 71", EntryRow),
+      ring_(kLogRecords) {
+    order_ = {{nullptr, &pw_}, {nullptr, &minm_}, {nullptr, &ac_}, {&acFlag_, nullptr},
+              {nullptr, &tunnel_}, {&tunnelIf_, nullptr}, {&ebg_, nullptr}, {&mplsEbg_, nullptr},
+              {&ebgDf_, nullptr}, {&mac_, nullptr}, {&gr_, nullptr}, {&cfg_, nullptr},
+              {&channel_, nullptr}, {&reg_, nullptr}, {&control_, nullptr}};
+}
+
+LogRecord &Device::NextRecord() {
+    LogRecord &record = ring_[ringNext_];
+    ringNext_ = (ringNext_ + 1) % ring_.size();
+    record.seq = ++logSeq_;
+    record.timeMs = WallMs();
+    return record;
 }
 
 void Device::Log(const std::string &line) {
     if (log_) log_(line);
-    log_tail_.Append(Row{"", Json{{"text", line}}});
-    while (log_tail_.Size() > kLogTail) {
-        auto first = log_tail_.Rows().begin()->first;
-        log_tail_.Erase(first);
+    LogRecord &record = NextRecord();
+    record.what = LogRecord::What::kText;
+    record.peer.clear();
+    record.text = line;
+    record.bytes.clear();
+}
+
+void Device::Keep(LogRecord::What what, const Peer &peer, std::span<const uint8_t> datagram) {
+    LogRecord &record = NextRecord();
+    record.what = what;
+    record.peer = peer;
+    record.text.clear();
+    record.bytes.assign(datagram.begin(), datagram.end());
+    if (!logMessages_ || !log_) return;
+    const auto channel = what == LogRecord::What::kToService ? decode::Channel::kToService
+                                                             : decode::Channel::kToEvent;
+    for (const Message &message : decode::Decode(datagram, channel).messages)
+        if (!message.error) log_(fmt::format("{} > {}", PeerText(peer), decode::Render(message)));
+}
+
+std::vector<std::string> Device::LogLines() const {
+    std::vector<std::string> lines;
+    for (size_t n = 0; n < ring_.size(); ++n) {
+        const LogRecord &record = ring_[(ringNext_ + n) % ring_.size()];
+        if (record.seq == 0) continue;
+        const std::string when = Clock(record.timeMs);
+        if (record.what == LogRecord::What::kText) {
+            lines.push_back(fmt::format("{} {}", when, record.text));
+            continue;
+        }
+        const auto channel = record.what == LogRecord::What::kToService ? decode::Channel::kToService
+                                                                        : decode::Channel::kToEvent;
+        for (const Message &message : decode::Decode(record.bytes, channel).messages)
+            if (!message.error)
+                lines.push_back(fmt::format("{} {} > {}", when, PeerText(record.peer), decode::Render(message)));
     }
+    return lines;
+}
+
+void Device::CountRefused(uint32_t uid, int32_t pid) {
+    ++counters_.refused;
+    Log(fmt::format("steering refused: the peer (uid {}, pid {}) is not this device's user", uid, pid));
 }
 
 void Device::DropClient(const Peer &peer) {
-    std::erase(clients_, peer);
-    Log(fmt::format("{} is gone", PeerText(peer)));
+    if (std::erase(clients_, peer) != 0) Log(fmt::format("{} is gone", PeerText(peer)));
 }
 
-Table *Device::FindTable(const std::string &name) {
-    for (Table *table : order_)
-        if (table->Name() == name) return table;
+const Device::TableRef *Device::FindTable(const std::string &name) const {
+    for (const TableRef &table : order_)
+        if (table.Name() == name) return &table;
     return nullptr;
+}
+
+void Device::Tick(int64_t nowMs) {
+    if (faults_.busy && faults_.busyUntilMs != 0 && nowMs >= faults_.busyUntilMs) {
+        faults_.busy = false;
+        faults_.busyUntilMs = 0;
+        Log("fault busy off: its time is up");
+    }
+}
+
+void Device::Restarted() {
+    restartAsked_ = false;
+    for (const TableRef &table : order_) table.Clear();
+    acData_.clear();
+    clients_.clear();
+    channelIds_.clear();
+    acFlagMessages_ = 0;
+    ++counters_.restarts;
+    Log("service restarted: every table and event channel emptied, every connection closed");
 }
 
 // ---------------------------------------------------------------------------
 // Forwarding service
 // ---------------------------------------------------------------------------
 
-std::vector<Outgoing> Device::Forwarding(const Peer &from, std::span<const uint8_t> datagram) {
-    ++counters_.datagrams;
-    const decode::Decoded decoded = decode::Decode(datagram, decode::Channel::kToService);
-    const bool fresh = !seen_.contains(from);
-    if (fresh) {
-        seen_.insert(from);
-        seenOrder_.push_back(from);
-        if (seenOrder_.size() > kSeenPeers) {
-            seen_.erase(seenOrder_.front());
-            seenOrder_.pop_front();
-        }
+namespace {
+
+uint16_t Be16(const uint8_t *p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
+
+// True when the message at m (size bytes, header included) is a pseudowire
+// add or delete that the decoder accepts: object type 3, tag 0, opcode 5
+// with item 10 then at most one item 13 and one item 12, or opcode 7 with
+// item 10 alone; item 10 eight bytes ending in two zeros, item 13 at least
+// 28 bytes (byte 27 zero, the rest all ones, in whole words), item 12
+// whole 24-byte sub-records.
+bool SoundPw(const uint8_t *m, size_t size) {
+    if (Be16(m) != 3 || Be16(m + 4) != 0) return false;
+    const uint8_t opcode = m[6];
+    if (opcode != kAdd && opcode != kDelete) return false;
+    size_t pos = 8;
+    if (size - pos < 12 || Be16(m + pos) != 10 || Be16(m + pos + 2) != 8 || m[pos + 10] != 0 ||
+        m[pos + 11] != 0)
+        return false;
+    pos += 12;
+    if (opcode == kDelete) return pos == size;
+    if (size - pos >= 4 && Be16(m + pos) == 13) {
+        const size_t length = Be16(m + pos + 2);
+        if (length < 28 || (length - 28) % 4 != 0 || size - pos - 4 < length || m[pos + 4 + 27] != 0)
+            return false;
+        for (size_t k = 28; k < length; ++k)
+            if (m[pos + 4 + k] != 0xFF) return false;
+        pos += 4 + length;
     }
+    if (size - pos >= 4 && Be16(m + pos) == 12) {
+        const size_t length = Be16(m + pos + 2);
+        if (length % 24 != 0 || size - pos - 4 < length) return false;
+        pos += 4 + length;
+    }
+    return pos == size;
+}
+
+}  // namespace
+
+bool Device::FastPw(std::span<const uint8_t> datagram) {
+    const uint8_t *d = datagram.data();
+    const size_t n = datagram.size();
+    size_t pos = 0;
+    while (pos < n) {
+        if (n - pos < 8) return false;
+        const size_t size = 8 + static_cast<size_t>(Be16(d + pos + 2));
+        if (n - pos < size || !SoundPw(d + pos, size)) return false;
+        pos += size;
+    }
+    if (n == 0) return false;
+    for (pos = 0; pos < n;) {
+        const uint8_t *m = d + pos;
+        const size_t size = 8 + static_cast<size_t>(Be16(m + 2));
+        const MessageTable::Key key{wire::Get32(m + 12), Be16(m + 16), 0};
+        ++counters_.messages;
+        if (m[6] == kAdd)
+            pw_.Put(key, {m, size});
+        else if (!pw_.Erase(key))
+            Log(fmt::format("pw {}/{}: delete of an unknown entry", key[0], key[1]));
+        pos += size;
+    }
+    return true;
+}
+
+std::vector<Outgoing> Device::Forwarding(const Peer &from, bool fresh, std::span<const uint8_t> datagram) {
+    ++counters_.datagrams;
+    if (faults_.dropLeft > 0) {
+        --faults_.dropLeft;
+        ++counters_.dropped;
+        Log(fmt::format("fault drop: datagram from {} ({} bytes) dropped, {} more to drop", PeerText(from),
+                        datagram.size(), faults_.dropLeft));
+        return {};
+    }
+    Keep(LogRecord::What::kToService, from, datagram);
+    // A batch of pseudowires never answers and comes from a daemon's
+    // service socket.
+    if (FastPw(datagram)) {
+        if (std::find(clients_.begin(), clients_.end(), from) == clients_.end()) clients_.push_back(from);
+        return {};
+    }
+    const decode::Decoded decoded = decode::Decode(datagram, decode::Channel::kToService);
     bool messageFault = false;
     for (const Message &message : decoded.messages) {
         if (!Accept(message, fmt::format("message from {} ({} bytes)", PeerText(from),
@@ -171,8 +338,7 @@ std::vector<Outgoing> Device::Forwarding(const Peer &from, std::span<const uint8
             messageFault = true;
             continue;
         }
-        Log(fmt::format("{} > {}", PeerText(from), decode::Render(message)));
-        Apply(message);
+        Apply(message, datagram);
     }
     if (decoded.error && !messageFault) {
         ++counters_.errors;
@@ -242,21 +408,15 @@ Bytes Device::AcDataAnswer() const {
     return wire::AcDataAnswer(entries, count);
 }
 
-void Device::ApplyEntry(Table &table, const Message &message, std::vector<uint64_t> key,
-                        const std::string &keyText) {
+void Device::ApplyEntry(MessageTable &table, const Message &message, std::span<const uint8_t> datagram,
+                        const std::vector<uint64_t> &key, const std::string &keyText) {
     if (message.opcode == kDelete) {
-        if (!table.Erase(key)) Log(fmt::format("{} {}: delete of an unknown entry", table.Name(), keyText));
+        if (!table.Erase(TableKey(key))) Log(fmt::format("{} {}: delete of an unknown entry", table.Name(), keyText));
         return;
     }
-    Row row{keyText};
-    if (message.kind == Kind::kOverlayTunnel) row.fields["objtype"] = message.objType;
-    row.fields["byte7"] = message.byte7;
-    if (message.opcode != kAdd) {
-        row.fields["op"] = message.opcode;
+    if (message.opcode != kAdd)
         Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), keyText, message.opcode));
-    }
-    PutItems(row.fields, message, KeyItemOf(message.kind));
-    table.Put(key, std::move(row));
+    table.Put(TableKey(key), datagram.subspan(message.offset, message.size));
 }
 
 void Device::ApplyMembers(Table &table, const Message &message, uint16_t keyItem,
@@ -300,22 +460,22 @@ void Device::ApplyMembers(Table &table, const Message &message, uint16_t keyItem
     table.Put(key.numbers, std::move(updated));
 }
 
-void Device::Apply(const Message &message) {
+void Device::Apply(const Message &message, std::span<const uint8_t> datagram) {
     switch (message.kind) {
         case Kind::kPw:
         case Kind::kMinM:
         case Kind::kOverlayTunnel: {
-            Table &table = message.kind == Kind::kPw     ? pw_
-                           : message.kind == Kind::kMinM ? minm_
-                                                         : tunnel_;
+            MessageTable &table = message.kind == Kind::kPw     ? pw_
+                                  : message.kind == Kind::kMinM ? minm_
+                                                                : tunnel_;
             Key key = MessageKey(message);
             if (&table == &tunnel_) key.numbers.insert(key.numbers.begin(), message.objType);
-            ApplyEntry(table, message, key.numbers, key.text);
+            ApplyEntry(table, message, datagram, key.numbers, key.text);
             return;
         }
         case Kind::kAc: {
             const Key key = MessageKey(message);
-            ApplyEntry(ac_, message, key.numbers, key.text);
+            ApplyEntry(ac_, message, datagram, key.numbers, key.text);
             if (message.opcode == kDelete) {
                 acData_.erase(key.numbers);
                 return;
@@ -429,13 +589,13 @@ void Device::Event(const Peer &from, std::span<const uint8_t> datagram) {
     if (added) ++nextChannelId_;
     const uint64_t id = slot->second;
     const std::string who = PeerText(from);
+    Keep(LogRecord::What::kToEvent, from, datagram);
     bool messageFault = false;
     for (const Message &message : decoded.messages) {
         if (!Accept(message, "event message from " + who)) {
             messageFault = true;
             continue;
         }
-        Log(fmt::format("{} > {}", who, decode::Render(message)));
         if (message.kind == Kind::kEventChannel) {
             const Item *word = message.FindItem(0);
             // The channel word travels in the client's own byte order; the

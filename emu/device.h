@@ -3,13 +3,18 @@
 // as one state machine over datagrams. It owns no socket: the server hands
 // it what arrived and sends what it returns, so every rule here can be
 // driven byte for byte.
+//
+// What it receives costs little until it is shown: a pseudowire batch is
+// checked and filed without the full decoder, the entry tables keep message
+// bytes, and the log keeps raw datagrams in a ring that is decoded when
+// someone reads it. Only faults and steering are logged as text at once.
 #ifndef L2VFIB_EMU_DEVICE_H
 #define L2VFIB_EMU_DEVICE_H
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -22,8 +27,7 @@ namespace l2vfib::emu {
 
 using Bytes = std::vector<uint8_t>;
 
-// A peer is the sender's socket address as the kernel reported it (an
-// abstract autobound name for the library's sockets).
+// A peer is one connection to a service, named by the server ("@12").
 using Peer = std::string;
 
 struct Outgoing {
@@ -51,6 +55,31 @@ struct Counters {
     uint64_t notices = 0;
     uint64_t events = 0;
     uint64_t controls = 0;   // control requests served
+    uint64_t dropped = 0;    // datagrams dropped by the drop fault
+    uint64_t busySpells = 0; // times the busy fault began
+    uint64_t restarts = 0;   // service restarts
+    uint64_t refused = 0;    // steering peers of another user, turned away
+};
+
+// The faults a developer injects (`l2vfib-emu fault ...`). The server
+// reads them: while busy it does not read the forwarding service, and with
+// slowUs it reads one datagram at most every slowUs microseconds.
+struct Faults {
+    bool busy = false;
+    int64_t busyUntilMs = 0;  // monotonic; 0 while busy without a limit
+    uint32_t slowUs = 0;
+    uint64_t dropLeft = 0;    // forwarding datagrams still to drop
+};
+
+// One entry of the log ring: a text line, or a datagram kept raw and
+// decoded only when the log is read.
+struct LogRecord {
+    uint64_t seq = 0;
+    int64_t timeMs = 0;  // wall clock
+    enum class What : uint8_t { kText, kToService, kToEvent } what = What::kText;
+    Peer peer;
+    std::string text;
+    Bytes bytes;
 };
 
 class Device {
@@ -58,9 +87,10 @@ class Device {
     // log receives every line the device logs (the server writes them out).
     explicit Device(std::function<void(const std::string &)> log = {});
 
-    // A datagram to the forwarding service from peer: applies every sound
-    // message to the tables and returns the answers to send back.
-    std::vector<Outgoing> Forwarding(const Peer &from, std::span<const uint8_t> datagram);
+    // A datagram to the forwarding service from peer (fresh: the first on
+    // its connection): applies every sound message to the tables and
+    // returns the answers to send back.
+    std::vector<Outgoing> Forwarding(const Peer &from, bool fresh, std::span<const uint8_t> datagram);
     // A datagram to the event service: channels and registrations.
     void Event(const Peer &from, std::span<const uint8_t> datagram);
     // A control request; returns the answer datagram, or nothing (one-way
@@ -73,22 +103,62 @@ class Device {
     Json Steer(const Json &request, std::vector<Outgoing> *toClients,
                std::vector<Outgoing> *toChannels);
 
+    // A steering peer of another user, turned away.
+    void CountRefused(uint32_t uid, int32_t pid);
     // A client whose socket is gone: no more notices to it.
     void DropClient(const Peer &peer);
 
-    Table *FindTable(const std::string &name);
-    const std::vector<Table *> &Tables() { return order_; }
     const Settings &Setup() const { return settings_; }
     const Counters &Count() const { return counters_; }
+    const Faults &Fault() const { return faults_; }
     bool StopAsked() const { return stopAsked_; }
+    // Set by `fault restart`; the server restarts the services and calls
+    // Restarted, which empties what the services held.
+    bool RestartAsked() const { return restartAsked_; }
+    void Restarted();
+    // Ends a busy spell whose time is up (nowMs monotonic).
+    void Tick(int64_t nowMs);
+    // Every message logged as a decoded line too (slow; off by default).
+    bool LogMessages() const { return logMessages_; }
+
+    // A streamed show of a message table: renders up to limit rows from
+    // *from on into out (text aligned per block, or one JSON object a
+    // line) and moves *from on; false once the table is done. Tables that
+    // keep rendered rows are not streamed (IsStreamed false).
+    bool IsStreamed(const std::string &name) const;
+    bool StreamRows(const std::string &name, MessageTable::Key *from, size_t limit, bool json,
+                    std::string *out) const;
+
+    // The log ring, oldest first, rendered: one line per text record and
+    // per message of a datagram.
+    std::vector<std::string> LogLines() const;
 
   private:
+    struct TableRef {
+        Table *rows = nullptr;
+        MessageTable *messages = nullptr;
+        const std::string &Name() const { return rows ? rows->Name() : messages->Name(); }
+        const std::string &About() const { return rows ? rows->About() : messages->About(); }
+        size_t Size() const { return rows ? rows->Size() : messages->Size(); }
+        void Clear() const { rows ? rows->Clear() : messages->Clear(); }
+    };
+    const TableRef *FindTable(const std::string &name) const;
+
     void Log(const std::string &line);
+    void Keep(LogRecord::What what, const Peer &peer, std::span<const uint8_t> datagram);
+    LogRecord &NextRecord();
+    // Files a datagram of pseudowire adds and deletes without the full
+    // decoder; false (nothing changed) when any byte needs the decoder.
+    bool FastPw(std::span<const uint8_t> datagram);
+    Json SteerFault(const Json &request);
+    Json ShowRow(const std::string &name, const std::string &key);
+    Json CountTables(const std::string &name);
     // Counts a decoded message; a faulty one is counted as an error and
     // logged with what (who sent it), and false is returned.
     bool Accept(const decode::Message &message, const std::string &what);
-    void Apply(const decode::Message &message);
-    void ApplyEntry(Table &table, const decode::Message &message, std::vector<uint64_t> key,
+    void Apply(const decode::Message &message, std::span<const uint8_t> datagram);
+    void ApplyEntry(MessageTable &table, const decode::Message &message,
+                    std::span<const uint8_t> datagram, const std::vector<uint64_t> &key,
                     const std::string &keyText);
     void ApplyMembers(Table &table, const decode::Message &message, uint16_t keyItem,
                       uint16_t memberItem);
@@ -103,13 +173,16 @@ class Device {
     std::function<void(const std::string &)> log_;
     Settings settings_;
     Counters counters_;
+    Faults faults_;
     bool stopAsked_ = false;
+    bool restartAsked_ = false;
+    bool logMessages_ = false;
 
-    Table pw_{"pw", "pseudowires: key id/subId, header byte 7, TLV 13 and 12"};
-    Table minm_{"minm", "MAC-in-MAC entries: key id/subId, TLV 41, 42 and 43"};
-    Table ac_{"ac", "attachment circuits: key id/subId, TLV 22 information, TLV 144 option"};
+    MessageTable pw_;
+    MessageTable minm_;
+    MessageTable ac_;
     Table acFlag_{"ac-flag", "the attachment-circuit flag state"};
-    Table tunnel_{"tunnel", "overlay tunnels: key words of TLV 70, object type 14 or 18, TLV 71"};
+    MessageTable tunnel_;
     Table tunnelIf_{"tunnel-if", "tunnel interface deletions, in arrival order"};
     Table ebg_{"ebg", "EBG member sets: key EBG identifier"};
     Table mplsEbg_{"mpls-ebg", "MPLS EBG member sets: key words of TLV 202"};
@@ -120,15 +193,16 @@ class Device {
     Table channel_{"channel", "event channels: key the client's socket, channel word"};
     Table reg_{"reg", "event registrations: client socket/number, selector, mask, parameter, extra"};
     Table control_{"control", "control calls (start, stop, VLAN range check, MAC reset, ...)"};
-    Table log_tail_{"log", "the last lines of the device's log"};
-    std::vector<Table *> order_;
+    std::vector<TableRef> order_;
+
+    // The log ring: the last kLogRecords records, next_ the oldest.
+    std::vector<LogRecord> ring_;
+    size_t ringNext_ = 0;
+    uint64_t logSeq_ = 0;
 
     // The AC data entries (16 bytes each), by attachment-circuit key.
     std::map<std::vector<uint64_t>, std::array<uint8_t, 16>> acData_;
-    // Forwarding-service peers: every sender seen, and the clients that
-    // notices go to (the daemons' service sockets).
-    std::set<Peer> seen_;
-    std::deque<Peer> seenOrder_;
+    // The clients that notices go to (the daemons' service sockets).
     std::vector<Peer> clients_;
     // Event peers get small numbers for their rows' keys.
     std::map<Peer, uint64_t> channelIds_;
@@ -137,8 +211,8 @@ class Device {
     uint32_t acFlagMessages_ = 0;
 };
 
-// The sender's address as printed: "@00012" for an abstract name.
-std::string PeerText(const Peer &peer);
+// A peer as printed.
+inline const std::string &PeerText(const Peer &peer) { return peer; }
 
 // The catalogue codes whose request is answered when sent alone.
 bool IsAnsweredCode(uint32_t code);

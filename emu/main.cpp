@@ -16,7 +16,7 @@ namespace {
 // or the JSON rows with json. Returns the exit status.
 int Ask(const Json &request, bool json = false, const char *member = "rows") {
     std::string error;
-    const auto response = l2vfib::emu::Steer(request, &error);
+    const auto response = l2vfib::emu::SteerStreamed(request, &error, stdout);
     if (!response) {
         fmt::print(stderr, "l2vfib-emu: {}\n", error);
         return 1;
@@ -25,6 +25,7 @@ int Ask(const Json &request, bool json = false, const char *member = "rows") {
         fmt::print(stderr, "l2vfib-emu: {}\n", response->value("error", "refused"));
         return 1;
     }
+    if (response->value("stream", false)) return 0;
     if (json) {
         const Json &rows = response->contains(member) ? (*response)[member] : *response;
         fmt::print("{}\n", rows.dump(2));
@@ -83,16 +84,62 @@ int main(int argc, char **argv) {
     });
 
     std::string table = "all";
+    std::string rowKey;
     bool json = false;
-    auto *show = app.add_subcommand("show", "print a table");
+    auto *show = app.add_subcommand("show", "print a table, or one row of it");
     show->add_option("table", table,
                      "all, pw, minm, ac, ac-flag, tunnel, tunnel-if, ebg, mpls-ebg, ebg-df, mac, gr,\n"
                      "cfg, channel, reg, control, node, tunnel-mode, caps, answer, counters, log")
         ->capture_default_str();
+    show->add_option("key", rowKey, "one row's key, as shown (7/1)");
     show->add_flag("--json,-j", json, "JSON instead of aligned text");
     show->callback([&] {
-        status = Ask(Json{{"cmd", "show"}, {"table", table}}, json, table == "all" ? "tables" : "rows");
+        Json request{{"cmd", "show"}, {"table", table}};
+        if (!rowKey.empty()) request["key"] = rowKey;
+        else if (table != "all") request.update(Json{{"stream", true}, {"json", json}});
+        status = Ask(request, json, table == "all" ? "tables" : "rows");
     });
+
+    std::string countTable;
+    auto *count = app.add_subcommand("count", "the rows of each table, none rendered");
+    count->add_option("table", countTable, "one table only");
+    count->add_flag("--json,-j", json, "JSON instead of text");
+    count->callback([&] {
+        Json request{{"cmd", "count"}};
+        if (!countTable.empty()) request["table"] = countTable;
+        status = Ask(request, json);
+    });
+
+    auto *fault = app.add_subcommand("fault", "inject a fault: busy, slow, drop, restart; clear ends them");
+    fault->require_subcommand(1);
+    std::string busyState;
+    uint64_t busyFor = 0;
+    auto *busy = fault->add_subcommand("busy", "stop reading the forwarding service, so its queue fills");
+    busy->add_option("state", busyState, "on or off")->check(CLI::IsMember({"on", "off"}));
+    busy->add_option("--for", busyFor, "on for this many milliseconds, then off");
+    busy->callback([&] {
+        if (busyState.empty() && busy->count("--for") == 0) throw std::runtime_error("fault busy: on, off or --for MS");
+        status = Ask(Json{{"cmd", "fault"}, {"fault", "busy"}, {"state", busyState.empty() ? "on" : busyState},
+                          {"ms", busyFor}});
+    });
+    uint64_t slowUs = 0;
+    auto *slow = fault->add_subcommand("slow", "process each forwarding datagram no faster than this");
+    slow->add_option("usec", slowUs, "microseconds a datagram (0 ends it)")->required();
+    slow->callback([&] { status = Ask(Json{{"cmd", "fault"}, {"fault", "slow"}, {"us", slowUs}}); });
+    uint64_t dropCount = 0;
+    auto *drop = fault->add_subcommand("drop", "drop the next N forwarding datagrams, counted and logged");
+    drop->add_option("count", dropCount, "how many")->required();
+    drop->callback([&] { status = Ask(Json{{"cmd", "fault"}, {"fault", "drop"}, {"count", dropCount}}); });
+    fault->add_subcommand("restart", "restart the services: tables and channels emptied, connections closed")
+        ->callback([&] { status = Ask(Json{{"cmd", "fault"}, {"fault", "restart"}}); });
+    fault->add_subcommand("clear", "end every fault")->callback([&] {
+        status = Ask(Json{{"cmd", "fault"}, {"fault", "clear"}});
+    });
+
+    std::string logState;
+    auto *logCmd = app.add_subcommand("log", "log every message as a decoded line (slow), or not");
+    logCmd->add_option("messages", logState, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+    logCmd->callback([&] { status = Ask(Json{{"cmd", "log"}, {"messages", logState == "on"}}); });
 
     auto *counters = app.add_subcommand("counters", "datagrams, messages, faults and answers");
     counters->add_flag("--json,-j", json, "JSON instead of aligned text");

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <algorithm>
 #include <map>
 #include <thread>
 
@@ -47,7 +48,8 @@ bool FillPath(const std::string &path, sockaddr_un *address, socklen_t *length) 
     return true;
 }
 
-// A socket bound at path (removed first), or -1 with a message.
+// A socket bound at path (removed first), or -1 with a message. Stream and
+// packet sockets listen.
 int BindAt(const std::string &path, int type) {
     sockaddr_un address{};
     socklen_t length = 0;
@@ -56,9 +58,9 @@ int BindAt(const std::string &path, int type) {
         return -1;
     }
     unlink(path.c_str());
-    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        (type == SOCK_STREAM && listen(fd, 16) != 0)) {
+        (type != SOCK_DGRAM && listen(fd, 128) != 0)) {
         fmt::print(stderr, "l2vfib-emu: cannot bind {}: {}\n", path, std::strerror(errno));
         if (fd >= 0) close(fd);
         return -1;
@@ -66,13 +68,16 @@ int BindAt(const std::string &path, int type) {
     return fd;
 }
 
-int ConnectSteering() {
+// A steering connection, and who is at its other end.
+int ConnectSteering(ucred *peer) {
     sockaddr_un address{};
     socklen_t length = 0;
     if (!FillPath(InDir("emu.sock"), &address, &length)) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), length) != 0) {
+    socklen_t credLength = sizeof *peer;
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        getsockopt(fd, SOL_SOCKET, SO_PEERCRED, peer, &credLength) != 0 || peer->uid != geteuid()) {
         close(fd);
         return -1;
     }
@@ -99,11 +104,46 @@ std::string Now() {
                        now.tv_nsec / 1000000);
 }
 
+int64_t MonotonicUs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+}
+
 void RemoveFiles(const std::vector<std::string> &paths) {
     for (const auto &path : paths) unlink(path.c_str());
 }
 
-// The running device: its sockets and the loop over them.
+// Connections a peer may hold open at once, over both services; more are
+// refused so that nobody can take every descriptor.
+constexpr size_t kMaxConnections = 1000;
+// Datagrams read from one connection before the others get their turn.
+constexpr int kReadBurst = 64;
+// A steering client's unsent output above which a streamed show waits.
+constexpr size_t kOutputHigh = 256 * 1024;
+// A steering request line may not grow past this.
+constexpr size_t kMaxRequest = 64 * 1024;
+constexpr size_t kStreamBlock = 512;
+
+enum Service { kForwarding = 0, kEvent = 1, kControl = 2, kSteering = 3 };
+
+struct Connection {
+    Service service = kForwarding;
+    Peer peer;
+    bool fresh = true;
+    std::string in, out;
+    // A streamed show in progress.
+    bool streaming = false;
+    std::string table;
+    bool json = false;
+    MessageTable::Key from{};
+    bool closeWhenSent = false;
+};
+
+// The running device: its sockets and the one loop over them. Nothing in
+// the loop waits: service sockets are read in bursts, answers that the
+// peer cannot take are dropped and logged, steering output is queued and
+// written as the client reads it.
 class Server {
   public:
     explicit Server(const StartOptions &options)
@@ -114,26 +154,21 @@ class Server {
           capture_(options.capture) {}
 
     bool Open() {
-        const uint16_t local = static_cast<uint16_t>(device_.Setup().localNode);
+        if (!OpenServices()) return false;
         char path[sizeof(sockaddr_un::sun_path)];
-        if (host::NodePortPath(kServiceNode, kServicePort, path, sizeof path) < 0) return false;
-        forwarding_ = BindAt(path, SOCK_DGRAM);
-        files_.push_back(path);
-        if (host::NodePortPath(local, kEventPort, path, sizeof path) < 0) return false;
-        event_ = BindAt(path, SOCK_DGRAM);
-        files_.push_back(path);
         if (host::ControlPath(path, sizeof path) < 0) return false;
         control_ = BindAt(path, SOCK_DGRAM);
         files_.push_back(path);
         steering_ = BindAt(InDir("emu.sock"), SOCK_STREAM);
         files_.push_back(InDir("emu.sock"));
-        return forwarding_ >= 0 && event_ >= 0 && control_ >= 0 && steering_ >= 0;
+        return control_ >= 0 && steering_ >= 0;
     }
 
     ~Server() {
-        for (int fd : {forwarding_, event_, control_, steering_})
+        CloseServices();
+        for (int fd : {control_, steering_})
             if (fd >= 0) close(fd);
-        for (const auto &[fd, buffer] : connections_) close(fd);
+        for (const auto &[fd, connection] : connections_) close(fd);
         RemoveFiles(files_);
     }
 
@@ -141,95 +176,252 @@ class Server {
         std::fprintf(stderr, "%s l2vfib-emu: running in %s, pid %d\n", Now().c_str(),
                      DeviceDirectory().c_str(), getpid());
         std::fflush(stderr);
+        std::vector<pollfd> fds;
         while (!gStop && !device_.StopAsked()) {
-            std::vector<pollfd> fds{{forwarding_, POLLIN, 0}, {event_, POLLIN, 0},
-                                    {control_, POLLIN, 0}, {steering_, POLLIN, 0}};
-            for (const auto &[fd, buffer] : connections_) fds.push_back({fd, POLLIN, 0});
-            const int ready = poll(fds.data(), fds.size(), 500);
-            if (ready <= 0) continue;
-            if (fds[0].revents & POLLIN) Datagram(forwarding_, 0);
-            if (fds[1].revents & POLLIN) Datagram(event_, 1);
-            if (fds[2].revents & POLLIN) Datagram(control_, 2);
-            if (fds[3].revents & POLLIN) Accept();
-            for (size_t i = 4; i < fds.size(); ++i)
-                if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) Converse(fds[i].fd);
+            const int64_t now = MonotonicUs();
+            device_.Tick(now / 1000);
+            if (device_.RestartAsked()) Restart();
+            const Faults &faults = device_.Fault();
+            const bool readForwarding = !faults.busy && now >= nextForwardUs_;
+            fds.clear();
+            fds.push_back({forwarding_, POLLIN, 0});
+            fds.push_back({event_, POLLIN, 0});
+            fds.push_back({control_, POLLIN, 0});
+            fds.push_back({steering_, POLLIN, 0});
+            for (auto &[fd, c] : connections_) {
+                short events = 0;
+                if (c.service != kForwarding || readForwarding) events |= POLLIN;
+                if (c.service == kSteering) {
+                    Produce(c);
+                    if (!c.out.empty()) events |= POLLOUT;
+                }
+                fds.push_back({fd, events, 0});
+            }
+            int timeout = 500;
+            if (faults.busy && faults.busyUntilMs != 0)
+                timeout = static_cast<int>(std::clamp<int64_t>(faults.busyUntilMs - now / 1000, 0, 500));
+            if (!readForwarding && !faults.busy)
+                timeout = static_cast<int>(std::clamp<int64_t>((nextForwardUs_ - now + 999) / 1000, 0, 500));
+            if (poll(fds.data(), fds.size(), timeout) <= 0) continue;
+            if (fds[0].revents & POLLIN) Accept(forwarding_, kForwarding);
+            if (fds[1].revents & POLLIN) Accept(event_, kEvent);
+            if (fds[2].revents & POLLIN) ControlDatagram();
+            if (fds[3].revents & POLLIN) Accept(steering_, kSteering);
+            for (size_t i = 4; i < fds.size(); ++i) {
+                if (fds[i].revents == 0) continue;
+                auto it = connections_.find(fds[i].fd);
+                if (it == connections_.end()) continue;
+                if (it->second.service == kSteering)
+                    Converse(fds[i].fd, it->second, fds[i].revents);
+                else
+                    Receive(fds[i].fd, it->second, fds[i].revents);
+            }
         }
+        // What is left for the steering clients (the stop answer).
+        for (auto &[fd, c] : connections_)
+            if (c.service == kSteering && !c.out.empty()) SendAll(fd, c.out);
         std::fprintf(stderr, "%s l2vfib-emu: stopped\n", Now().c_str());
     }
 
   private:
-    void Datagram(int fd, int service) {
-        std::vector<uint8_t> buffer(kMaxDatagram);
+    bool OpenServices() {
+        const uint16_t local = static_cast<uint16_t>(device_.Setup().localNode);
+        char path[sizeof(sockaddr_un::sun_path)];
+        if (host::NodePortPath(kServiceNode, kServicePort, path, sizeof path) < 0) return false;
+        forwarding_ = BindAt(path, SOCK_SEQPACKET);
+        servicePaths_[0] = path;
+        if (host::NodePortPath(local, kEventPort, path, sizeof path) < 0) return false;
+        event_ = BindAt(path, SOCK_SEQPACKET);
+        servicePaths_[1] = path;
+        return forwarding_ >= 0 && event_ >= 0;
+    }
+
+    void CloseServices() {
+        for (int *fd : {&forwarding_, &event_}) {
+            if (*fd >= 0) close(*fd);
+            *fd = -1;
+        }
+        for (const auto &path : servicePaths_)
+            if (!path.empty()) unlink(path.c_str());
+    }
+
+    // The services go away and come back, as a device's service does when
+    // it restarts: every connection to them is closed.
+    void Restart() {
+        for (auto it = connections_.begin(); it != connections_.end();) {
+            if (it->second.service == kSteering) {
+                ++it;
+                continue;
+            }
+            close(it->first);
+            peers_.erase(it->second.peer);
+            it = connections_.erase(it);
+        }
+        CloseServices();
+        device_.Restarted();
+        if (!OpenServices()) {
+            std::fprintf(stderr, "%s l2vfib-emu: the services did not come back\n", Now().c_str());
+            gStop = 1;
+        }
+    }
+
+    void Accept(int listener, Service service) {
+        for (;;) {
+            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (fd < 0) return;
+            if (service == kSteering) {
+                // Only the device's own user steers it.
+                ucred peer{};
+                socklen_t length = sizeof peer;
+                if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != geteuid()) {
+                    close(fd);
+                    device_.CountRefused(peer.uid, peer.pid);
+                    continue;
+                }
+            } else if (connections_.size() >= kMaxConnections) {
+                close(fd);
+                continue;
+            }
+            Connection c;
+            c.service = service;
+            c.peer = fmt::format("@{}", ++connectionCount_);
+            if (service != kSteering) peers_[c.peer] = fd;
+            connections_.emplace(fd, std::move(c));
+        }
+    }
+
+    void Drop(int fd, Connection &c) {
+        if (c.service == kForwarding) device_.DropClient(c.peer);
+        peers_.erase(c.peer);
+        close(fd);
+        connections_.erase(fd);
+    }
+
+    // Reads a burst of datagrams from a service connection.
+    void Receive(int fd, Connection &c, short revents) {
+        if (!(revents & POLLIN)) {
+            if (revents & (POLLHUP | POLLERR)) Drop(fd, c);
+            return;
+        }
+        const bool slow = c.service == kForwarding && device_.Fault().slowUs != 0;
+        for (int n = 0; n < (slow ? 1 : kReadBurst); ++n) {
+            const ssize_t got = recv(fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) return;
+            if (got == 0) {
+                Drop(fd, c);
+                return;
+            }
+            const std::span<const uint8_t> datagram(buffer_.data(), static_cast<size_t>(got));
+            capture_.Record(false, c.service, datagram);
+            const bool fresh = c.fresh;
+            c.fresh = false;
+            if (c.service == kForwarding) {
+                Send(kForwarding, device_.Forwarding(c.peer, fresh, datagram));
+                if (device_.Fault().busy) return;
+            } else {
+                device_.Event(c.peer, datagram);
+            }
+        }
+        if (slow) nextForwardUs_ = MonotonicUs() + device_.Fault().slowUs;
+    }
+
+    void ControlDatagram() {
         sockaddr_un from{};
         socklen_t fromLength = sizeof from;
-        const ssize_t n = recvfrom(fd, buffer.data(), buffer.size(), MSG_DONTWAIT,
+        const ssize_t n = recvfrom(control_, buffer_.data(), buffer_.size(), MSG_DONTWAIT,
                                    reinterpret_cast<sockaddr *>(&from), &fromLength);
         if (n < 0) return;
-        buffer.resize(static_cast<size_t>(n));
-        const Peer peer(reinterpret_cast<const char *>(&from), fromLength);
-        capture_.Record(false, service, buffer);
-        if (service == 0) {
-            Send(forwarding_, 0, device_.Forwarding(peer, buffer));
-        } else if (service == 1) {
-            device_.Event(peer, buffer);
-        } else if (auto answer = device_.Control(buffer)) {
-            Send(control_, 2, {Outgoing{peer, *answer}});
-        }
+        const std::span<const uint8_t> request(buffer_.data(), static_cast<size_t>(n));
+        capture_.Record(false, kControl, request);
+        const auto answer = device_.Control(request);
+        if (!answer) return;
+        capture_.Record(true, kControl, *answer);
+        sendto(control_, answer->data(), answer->size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr *>(&from), fromLength);
     }
 
-    void Send(int fd, int service, const std::vector<Outgoing> &out) {
+    // Answers, notices and events: sent without waiting; one that its peer
+    // cannot take now is dropped and logged.
+    void Send(Service service, const std::vector<Outgoing> &out) {
         for (const Outgoing &o : out) {
+            const auto peer = peers_.find(o.to);
+            if (peer == peers_.end()) continue;
             capture_.Record(true, service, o.bytes);
-            const ssize_t n = sendto(fd, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                     reinterpret_cast<const sockaddr *>(o.to.data()),
-                                     static_cast<socklen_t>(o.to.size()));
-            if (n >= 0) continue;
-            if (service == 0 && (errno == ECONNREFUSED || errno == ENOENT))
-                device_.DropClient(o.to);
-            else
-                std::fprintf(stderr, "%s send to %s: %s\n", Now().c_str(), PeerText(o.to).c_str(),
-                             std::strerror(errno));
+            if (send(peer->second, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) continue;
+            std::fprintf(stderr, "%s send to %s: %s, dropped\n", Now().c_str(), PeerText(o.to).c_str(),
+                         std::strerror(errno));
         }
-    }
-
-    void Accept() {
-        const int fd = accept4(steering_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0) connections_[fd] = {};
     }
 
     // Reads what a steering client sent and answers each whole line.
-    void Converse(int fd) {
+    void Converse(int fd, Connection &c, short revents) {
+        if (revents & POLLOUT) {
+            const ssize_t n = send(fd, c.out.data(), c.out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n > 0) c.out.erase(0, static_cast<size_t>(n));
+            if (n < 0 && errno != EAGAIN && errno != EINTR) {
+                close(fd);
+                connections_.erase(fd);
+                return;
+            }
+            if (c.out.empty() && c.closeWhenSent && !c.streaming) {
+                close(fd);
+                connections_.erase(fd);
+                return;
+            }
+        }
+        if (!(revents & (POLLIN | POLLHUP | POLLERR))) return;
         char chunk[4096];
         const ssize_t n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
-        if (n <= 0) {
+        if (n <= 0 || c.in.size() + static_cast<size_t>(n) > kMaxRequest) {
             if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
             close(fd);
             connections_.erase(fd);
             return;
         }
-        std::string &buffer = connections_[fd];
-        buffer.append(chunk, static_cast<size_t>(n));
-        for (size_t end; (end = buffer.find('\n')) != std::string::npos;) {
-            const std::string line = buffer.substr(0, end);
-            buffer.erase(0, end + 1);
+        c.in.append(chunk, static_cast<size_t>(n));
+        for (size_t end; !c.streaming && (end = c.in.find('\n')) != std::string::npos;) {
+            const std::string line = c.in.substr(0, end);
+            c.in.erase(0, end + 1);
             Json response;
             std::vector<Outgoing> toClients, toChannels;
             try {
-                response = device_.Steer(Json::parse(line), &toClients, &toChannels);
+                const Json request = Json::parse(line);
+                if (request.value("cmd", "") == "show" && request.value("stream", false) &&
+                    !request.contains("key") && device_.IsStreamed(request.value("table", ""))) {
+                    c.streaming = true;
+                    c.closeWhenSent = true;
+                    c.table = request.value("table", "");
+                    c.json = request.value("json", false);
+                    c.from = {};
+                    response = Json{{"ok", true}, {"stream", true}, {"table", c.table}};
+                } else {
+                    response = device_.Steer(request, &toClients, &toChannels);
+                }
             } catch (const Json::exception &e) {
                 response = Json{{"ok", false}, {"error", std::string("not JSON: ") + e.what()}};
             }
-            if (device_.StopAsked()) response["pid"] = getpid();
-            Send(forwarding_, 0, toClients);
-            Send(event_, 1, toChannels);
-            SendAll(fd, response.dump() + "\n");
+            Send(kForwarding, toClients);
+            Send(kEvent, toChannels);
+            c.out += response.dump() + "\n";
         }
+    }
+
+    // Renders the next block of a streamed show while the client keeps up.
+    void Produce(Connection &c) {
+        while (c.streaming && c.out.size() < kOutputHigh)
+            c.streaming = device_.StreamRows(c.table, &c.from, kStreamBlock, c.json, &c.out);
     }
 
     Device device_;
     Capture capture_;
     int forwarding_ = -1, event_ = -1, control_ = -1, steering_ = -1;
-    std::map<int, std::string> connections_;
+    std::string servicePaths_[2];
+    std::map<int, Connection> connections_;
+    std::map<Peer, int> peers_;
+    uint64_t connectionCount_ = 0;
+    int64_t nextForwardUs_ = 0;
+    std::vector<uint8_t> buffer_ = std::vector<uint8_t>(kMaxDatagram);
     std::vector<std::string> files_;
 };
 
@@ -268,30 +460,84 @@ std::string DeviceDirectory() {
     return dir;
 }
 
-std::optional<Json> Steer(const Json &request, std::string *error) {
-    const int fd = ConnectSteering();
-    if (fd < 0) {
-        *error = fmt::format("no emulated device runs in {}", DeviceDirectory());
+namespace {
+
+// Sends one request and reads the first line of the answer; the rest of a
+// streamed answer stays in *rest and on the connection, whose descriptor
+// *fd keeps (-1 when it was closed).
+std::optional<Json> Ask(const Json &request, std::string *error, pid_t *pid, int *fd, std::string *rest) {
+    ucred peer{};
+    *fd = ConnectSteering(&peer);
+    if (*fd < 0) {
+        *error = fmt::format("no emulated device of this user runs in {}", DeviceDirectory());
         return std::nullopt;
     }
+    if (pid != nullptr) *pid = peer.pid;
     std::string line;
-    if (SendAll(fd, request.dump() + "\n")) {
+    if (SendAll(*fd, request.dump() + "\n")) {
         char chunk[4096];
         for (;;) {
-            const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+            const ssize_t n = recv(*fd, chunk, sizeof chunk, 0);
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
             line.append(chunk, static_cast<size_t>(n));
-            if (line.back() == '\n') break;
+            if (line.find('\n') != std::string::npos) break;
         }
     }
-    close(fd);
+    const size_t end = line.find('\n');
+    if (end != std::string::npos && rest != nullptr) *rest = line.substr(end + 1);
     try {
-        return Json::parse(line);
+        return Json::parse(line.substr(0, end));
     } catch (const Json::exception &) {
         *error = "the emulated device gave no answer";
         return std::nullopt;
     }
+}
+
+}  // namespace
+
+std::optional<Json> Steer(const Json &request, std::string *error) {
+    int fd = -1;
+    auto response = Ask(request, error, nullptr, &fd, nullptr);
+    if (fd >= 0) close(fd);
+    return response;
+}
+
+std::optional<Json> SteerStreamed(const Json &request, std::string *error, std::FILE *out) {
+    int fd = -1;
+    std::string rest;
+    auto response = Ask(request, error, nullptr, &fd, &rest);
+    if (response && response->value("stream", false)) {
+        const bool json = request.value("json", false);
+        // JSON rows come one object a line; they print as one array.
+        bool first = true;
+        std::string pending = rest;
+        auto emit = [&](bool last) {
+            if (!json) {
+                std::fwrite(pending.data(), 1, pending.size(), out);
+                pending.clear();
+                return;
+            }
+            for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
+                std::fprintf(out, "%s%s", first ? "[\n  " : ",\n  ", pending.substr(0, end).c_str());
+                first = false;
+                pending.erase(0, end + 1);
+            }
+            if (last) std::fprintf(out, "%s", first ? "[]\n" : "\n]\n");
+        };
+        emit(false);
+        char chunk[65536];
+        for (;;) {
+            const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            pending.append(chunk, static_cast<size_t>(n));
+            emit(false);
+        }
+        emit(true);
+    }
+    if (fd >= 0) close(fd);
+    return response;
 }
 
 int Start(const StartOptions &options) {
@@ -349,12 +595,16 @@ int Stop() {
     const std::string dir = DeviceDirectory();
     if (dir.empty()) return 1;
     std::string error;
-    const auto response = Steer(Json{{"cmd", "stop"}}, &error);
+    // The pid to wait for is the one the kernel reports for the steering
+    // socket's other end, never one taken from what it answers.
+    pid_t pid = 0;
+    int fd = -1;
+    const auto response = Ask(Json{{"cmd", "stop"}}, &error, &pid, &fd, nullptr);
+    if (fd >= 0) close(fd);
     if (!response) {
         fmt::print("l2vfib-emu: not running in {}\n", dir);
         return 0;
     }
-    const pid_t pid = response->value("pid", 0);
     for (int waited = 0; waited < 100 && pid > 0 && !Gone(pid); ++waited)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     if (pid > 0 && !Gone(pid)) {

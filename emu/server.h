@@ -2,14 +2,15 @@
 // poll loop that feeds the device, the steering socket, and the client
 // side of that socket that the other subcommands use.
 //
-//   <device directory>/node-8000.port-2670    forwarding service (datagrams)
-//   <device directory>/node-0001.port-12566   event service (datagrams)
+//   <device directory>/node-8000.port-2670    forwarding service (packets)
+//   <device directory>/node-0001.port-12566   event service (packets)
 //   <device directory>/control                control calls (datagrams)
 //   <device directory>/emu.sock               steering (stream, JSON lines)
 //   <device directory>/emu.pid, emu.log       while it runs in the background
 #ifndef L2VFIB_EMU_SERVER_H
 #define L2VFIB_EMU_SERVER_H
 
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -34,6 +35,11 @@ std::string DeviceDirectory();
 // Sends one steering request to the running device and returns its
 // response; nothing, with *error set, when no device answers.
 std::optional<Json> Steer(const Json &request, std::string *error);
+
+// The same for a show that may stream: a streamed table's rows are copied
+// to out as they come (JSON rows as one array when the request asks for
+// json); otherwise the response is returned as by Steer.
+std::optional<Json> SteerStreamed(const Json &request, std::string *error, std::FILE *out);
 
 // Stops the running device and waits for it to go. Returns 0 also when none
 // was running (its stale files are removed then).

@@ -1,7 +1,14 @@
 // The steering commands of a running emulated device: one JSON object in,
 // one JSON object out ({"ok": true, ...} or {"ok": false, "error": text}).
 //
-//   {"cmd": "show", "table": NAME}          rows and aligned text ("all": every table)
+//   {"cmd": "show", "table": NAME}          rows and aligned text ("all": every table;
+//                                           "log": the log ring, decoded now)
+//   {"cmd": "show", "table": NAME, "key": K} one row, K as shown ("7/1")
+//   {"cmd": "count", "table": NAME}         rows per table, none rendered (no table: all)
+//   {"cmd": "fault", "fault": "busy", "state": "on"|"off", "ms": N}
+//   {"cmd": "fault", "fault": "slow", "us": N} / {"fault": "drop", "count": N}
+//   {"cmd": "fault", "fault": "clear"} / {"fault": "restart"}
+//   {"cmd": "log", "messages": true|false}  every message as a decoded line in the log
 //   {"cmd": "answer", "code": C, "result": R}   item-37 result for code C (null: back to 0)
 //   {"cmd": "notice", "value": V}           a notice (item 36) to every client
 //   {"cmd": "event", "type": 2|3|6, "tag": T, "hex": H, "words": [...], "mask": M}
@@ -13,12 +20,20 @@
 //   {"cmd": "status"} / {"cmd": "stop"}
 #include <fmt/format.h>
 
+#include <ctime>
+
 #include "device.h"
 #include "wire.h"
 
 namespace l2vfib::emu {
 
 namespace {
+
+int64_t NowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
 
 Json Fail(const std::string &text) { return Json{{"ok", false}, {"error", text}}; }
 
@@ -70,7 +85,10 @@ Table Device::CountersTable() const {
     const std::pair<const char *, uint64_t> rows[] = {
         {"datagrams", c.datagrams}, {"messages", c.messages}, {"errors", c.errors},
         {"replies", c.replies},     {"ac-answers", c.acAnswers}, {"notices", c.notices},
-        {"events", c.events},       {"controls", c.controls}};
+        {"events", c.events},       {"controls", c.controls}, {"dropped", c.dropped},
+        {"busy-spells", c.busySpells}, {"restarts", c.restarts}, {"steering-refused", c.refused},
+        {"fault-busy", faults_.busy ? 1u : 0u}, {"fault-slow-us", faults_.slowUs},
+        {"fault-drop-left", faults_.dropLeft}};
     uint64_t n = 0;
     for (const auto &[name, value] : rows) table.Put({n++}, Row{name, Json{{"value", value}}});
     return table;
@@ -105,19 +123,140 @@ Json Device::ShowTable(const std::string &name) {
     if (name == "counters") return render(CountersTable());
     if (name == "caps" || name == "answer" || name == "node" || name == "tunnel-mode")
         return render(SettingsTable(name));
+    if (name == "log") {
+        Table log("log", "the device's log");
+        for (const std::string &line : LogLines()) log.Append(Row{"", Json{{"text", line}}});
+        return render(log);
+    }
+    auto rendered = [](const TableRef &table) { return table.rows ? *table.rows : table.messages->Rendered(); };
     if (name == "all") {
         Json tables = Json::object();
         std::string text;
-        for (Table *table : order_) {
-            if (table == &log_tail_) continue;
-            tables[table->Name()] = table->ToJson();
-            if (table->Size() == 0) continue;
-            text += fmt::format("{} ({}):\n{}\n", table->Name(), table->About(), table->Text());
+        for (const TableRef &ref : order_) {
+            const Table table = rendered(ref);
+            tables[table.Name()] = table.ToJson();
+            if (table.Size() == 0) continue;
+            text += fmt::format("{} ({}):\n{}\n", table.Name(), table.About(), table.Text());
         }
         return Json{{"ok", true}, {"table", "all"}, {"tables", tables}, {"text", text}};
     }
-    if (Table *table = FindTable(name)) return render(*table);
+    if (const TableRef *table = FindTable(name)) return render(rendered(*table));
     return Fail(fmt::format("no table '{}'", name));
+}
+
+bool Device::IsStreamed(const std::string &name) const {
+    const TableRef *table = FindTable(name);
+    return table != nullptr && table->messages != nullptr;
+}
+
+bool Device::StreamRows(const std::string &name, MessageTable::Key *from, size_t limit, bool json,
+                        std::string *out) const {
+    const TableRef *table = FindTable(name);
+    if (table == nullptr || table->messages == nullptr) return false;
+    Table block(name, "");
+    const auto next = table->messages->RenderFrom(*from, limit, block);
+    if (json) {
+        for (const Json &row : block.ToJson()) {
+            out->append(row.dump());
+            out->push_back('\n');
+        }
+    } else {
+        out->append(block.Text());
+    }
+    if (!next) return false;
+    *from = *next;
+    return true;
+}
+
+Json Device::ShowRow(const std::string &name, const std::string &key) {
+    const TableRef *table = FindTable(name);
+    if (table == nullptr) return Fail(fmt::format("no table '{}'", name));
+    Table one(table->Name(), table->About());
+    if (table->messages != nullptr) {
+        // The key as shown: numbers joined by '/', a tunnel's behind its
+        // object type.
+        std::vector<uint64_t> numbers;
+        for (size_t from = 0; from <= key.size();) {
+            const size_t slash = std::min(key.find('/', from), key.size());
+            const std::string part = key.substr(from, slash - from);
+            size_t used = 0;
+            uint64_t value = 0;
+            try {
+                value = std::stoull(part, &used, 0);
+            } catch (const std::exception &) {
+                used = 0;
+            }
+            if (part.empty() || used != part.size()) return Fail(fmt::format("key '{}': numbers joined by '/'", key));
+            numbers.push_back(value);
+            from = slash + 1;
+        }
+        for (uint64_t objType : {0, 14, 18}) {
+            std::vector<uint64_t> full = numbers;
+            if (table->messages == &tunnel_) {
+                if (objType == 0) continue;
+                full.insert(full.begin(), objType);
+            } else if (objType != 0) {
+                break;
+            }
+            MessageTable::Key packed{};
+            for (size_t i = 0; i < full.size() && i < packed.size(); ++i) packed[i] = full[i];
+            if (auto row = table->messages->RenderOne(packed)) one.Put(full, std::move(*row));
+        }
+    } else {
+        for (const auto &[numbers, row] : table->rows->Rows())
+            if (row.key == key) one.Put(numbers, row);
+    }
+    if (one.Size() == 0) return Fail(fmt::format("{}: no row {}", name, key));
+    return Json{{"ok", true}, {"table", name}, {"rows", one.ToJson()}, {"text", one.Text()}};
+}
+
+Json Device::CountTables(const std::string &name) {
+    Json rows = Json::array();
+    std::string text;
+    for (const TableRef &table : order_) {
+        if (!name.empty() && table.Name() != name) continue;
+        rows.push_back(Json{{"key", table.Name()}, {"rows", table.Size()}});
+        text += fmt::format("{:<10} {}\n", table.Name(), table.Size());
+    }
+    if (rows.empty()) return Fail(fmt::format("no table '{}'", name));
+    return Json{{"ok", true}, {"rows", rows}, {"text", text}};
+}
+
+Json Device::SteerFault(const Json &request) {
+    const std::string fault = request.value("fault", "");
+    if (fault == "busy") {
+        const std::string state = request.value("state", "on");
+        if (state != "on" && state != "off") return Fail("busy: on, off, or --for MS");
+        const uint64_t ms = Number(request, "ms", 0);
+        if (state == "on") {
+            if (!faults_.busy) ++counters_.busySpells;
+            faults_.busy = true;
+            faults_.busyUntilMs = ms == 0 ? 0 : NowMs() + static_cast<int64_t>(ms);
+            Log(ms == 0 ? std::string("fault busy on: the forwarding service is not read")
+                        : fmt::format("fault busy on for {} ms: the forwarding service is not read", ms));
+        } else {
+            faults_.busy = false;
+            faults_.busyUntilMs = 0;
+            Log("fault busy off");
+        }
+    } else if (fault == "slow") {
+        const uint64_t us = Number(request, "us", 0);
+        if (us > 10'000'000) return Fail("slow: at most 10000000 microseconds a datagram");
+        faults_.slowUs = static_cast<uint32_t>(us);
+        Log(fmt::format("fault slow: one forwarding datagram every {} us at most", us));
+    } else if (fault == "drop") {
+        faults_.dropLeft = Number(request, "count", 0);
+        Log(fmt::format("fault drop: the next {} forwarding datagrams are dropped", faults_.dropLeft));
+    } else if (fault == "clear") {
+        faults_ = {};
+        Log("fault clear: every fault ended");
+    } else if (fault == "restart") {
+        restartAsked_ = true;
+        Log("fault restart: the services restart");
+    } else {
+        return Fail(fmt::format("unknown fault '{}': busy, slow, drop, clear or restart", fault));
+    }
+    return ShowTable("counters");
 }
 
 Json Device::SendEvent(const Json &request, std::vector<Outgoing> *toChannels) {
@@ -173,7 +312,17 @@ Json Device::Steer(const Json &request, std::vector<Outgoing> *toClients,
     try {
         const std::string cmd = request.value("cmd", "");
         if (cmd == "status") return Json{{"ok", true}, {"counters", CountersTable().ToJson()}};
-        if (cmd == "show") return ShowTable(request.value("table", "all"));
+        if (cmd == "show") {
+            if (request.contains("key")) return ShowRow(request.value("table", ""), request.value("key", ""));
+            return ShowTable(request.value("table", "all"));
+        }
+        if (cmd == "count") return CountTables(request.value("table", ""));
+        if (cmd == "fault") return SteerFault(request);
+        if (cmd == "log") {
+            logMessages_ = request.value("messages", false);
+            Log(logMessages_ ? "every message is logged" : "messages are kept in the ring only");
+            return Json{{"ok", true}};
+        }
         if (cmd == "stop") {
             stopAsked_ = true;
             return Json{{"ok", true}};
@@ -223,7 +372,7 @@ Json Device::Steer(const Json &request, std::vector<Outgoing> *toClients,
             return ShowTable("caps");
         }
         if (cmd == "clear") {
-            for (Table *table : order_) table->Clear();
+            for (const TableRef &table : order_) table.Clear();
             acData_.clear();
             counters_ = {};
             return Json{{"ok", true}};

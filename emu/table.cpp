@@ -82,3 +82,35 @@ Json Table::ToJson() const {
 }
 
 }  // namespace l2vfib::emu
+
+namespace l2vfib::emu {
+
+namespace {
+std::vector<uint64_t> Numbers(const MessageTable::Key &key) { return {key.begin(), key.end()}; }
+std::span<const uint8_t> Bytes(const std::string &message) {
+    return {reinterpret_cast<const uint8_t *>(message.data()), message.size()};
+}
+}  // namespace
+
+std::optional<MessageTable::Key> MessageTable::RenderFrom(const Key &from, size_t limit,
+                                                          Table &out) const {
+    auto it = rows_.lower_bound(from);
+    for (size_t n = 0; it != rows_.end() && n < limit; ++it, ++n)
+        if (auto row = render_(Bytes(it->second))) out.Put(Numbers(it->first), std::move(*row));
+    if (it == rows_.end()) return std::nullopt;
+    return it->first;
+}
+
+Table MessageTable::Rendered() const {
+    Table table(name_, about_);
+    RenderFrom(Key{}, rows_.size(), table);
+    return table;
+}
+
+std::optional<Row> MessageTable::RenderOne(const Key &key) const {
+    const std::string *message = Find(key);
+    if (message == nullptr) return std::nullopt;
+    return render_(Bytes(*message));
+}
+
+}  // namespace l2vfib::emu

@@ -1,11 +1,21 @@
 // The emulated device's tables: rows of named fields, each under a key
 // that sorts by its numbers and prints as text, shown the way the `ip` and
 // `bridge` tools show theirs: one object per line, the key first.
+//
+// Two kinds: a Table keeps rendered rows (the small tables: settings, logs,
+// member sets); a MessageTable keeps, under a key of at most three numbers,
+// only the bytes of the message that made the row, and renders the row
+// when it is shown. A million pseudowires then cost their messages' bytes
+// and a tree node each.
 #ifndef L2VFIB_EMU_TABLE_H
 #define L2VFIB_EMU_TABLE_H
 
 #include <cstdint>
+#include <array>
+#include <functional>
 #include <map>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -50,6 +60,47 @@ class Table {
     std::string about_;
     std::map<std::vector<uint64_t>, Row> rows_;
     uint64_t next_ = 1;
+};
+
+// Rows kept as message bytes. Render turns one message back into its row
+// (nothing when the bytes no longer decode, which Put never lets in).
+class MessageTable {
+  public:
+    using Key = std::array<uint64_t, 3>;
+    using Render = std::function<std::optional<Row>(std::span<const uint8_t>)>;
+
+    MessageTable(std::string name, std::string about, Render render)
+        : name_(std::move(name)), about_(std::move(about)), render_(std::move(render)) {}
+
+    const std::string &Name() const { return name_; }
+    const std::string &About() const { return about_; }
+
+    void Put(const Key &key, std::span<const uint8_t> message) {
+        std::string &slot = rows_[key];
+        slot.assign(reinterpret_cast<const char *>(message.data()), message.size());
+    }
+    bool Erase(const Key &key) { return rows_.erase(key) != 0; }
+    const std::string *Find(const Key &key) const {
+        auto it = rows_.find(key);
+        return it == rows_.end() ? nullptr : &it->second;
+    }
+    void Clear() { rows_.clear(); }
+    size_t Size() const { return rows_.size(); }
+
+    // Renders up to limit rows from the first key at or after from into
+    // out; returns the key after the last one rendered, or nothing at the
+    // end of the table.
+    std::optional<Key> RenderFrom(const Key &from, size_t limit, Table &out) const;
+    // Every row, rendered (for small tables and `show all`).
+    Table Rendered() const;
+    // One row, rendered.
+    std::optional<Row> RenderOne(const Key &key) const;
+
+  private:
+    std::string name_;
+    std::string about_;
+    Render render_;
+    std::map<Key, std::string> rows_;
 };
 
 // A field value as the text tables print it: numbers in decimal, strings

@@ -1,10 +1,19 @@
-// The device's datagram sockets (family 37), emulated with AF_UNIX
-// datagram sockets in the device directory (see host_addr.h).
+// The device's datagram sockets (family 37), emulated with connected
+// AF_UNIX SOCK_SEQPACKET sockets in the device directory (see host_addr.h).
 //
-// - SKT_Socket: an AF_UNIX SOCK_DGRAM socket, close-on-exec.
+// Why packets and not datagrams: a datagram socket's queue is counted in
+// datagrams (net.unix.max_dgram_qlen, 10 on most hosts), so a daemon that
+// loads in bulk would be refused as busy after ten batches even by a
+// service that keeps up. A connected packet socket keeps message
+// boundaries like a datagram, but its queue is counted in bytes (the send
+// buffer: about 90 batches of 1400 bytes at the default size), as deep as
+// a device's. The service accepts one connection per socket and answers
+// on it; a service that goes away closes it, so the next send fails with
+// EPIPE, as on a device whose service restarted.
+//
+// - SKT_Socket: an AF_UNIX SOCK_SEQPACKET socket, close-on-exec.
 // - SKT_Connect: the 16-byte device address names the socket file of
-//   (node, port). A socket that is not bound yet is first autobound to an
-//   abstract address, so that the service can answer it with sendto.
+//   (node, port), which is connected.
 // - SKT_SetOpt: the device's time-out options (level 1, 0x1005 send and
 //   0x1006 receive, two host-order u32: seconds, microseconds) become
 //   SO_SNDTIMEO and SO_RCVTIMEO with a struct timeval; any other option
@@ -57,7 +66,8 @@ extern "C" int SKT_Socket(int family, int type, int protocol) {
         errno = EPROTONOSUPPORT;
         return -1;
     }
-    return socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const int flags = type & (SOCK_NONBLOCK | SOCK_CLOEXEC);
+    return socket(AF_UNIX, SOCK_SEQPACKET | flags | SOCK_CLOEXEC, 0);
 }
 
 extern "C" int SKT_Connect(int fd, const void *address, uint32_t addressLength) {
@@ -67,7 +77,6 @@ extern "C" int SKT_Connect(int fd, const void *address, uint32_t addressLength) 
     sockaddr_un target{};
     socklen_t targetLength = 0;
     if (!NodePortAddress(node, port, &target, &targetLength)) return -1;
-    if (!BindIfUnbound(fd)) return -1;
     return connect(fd, reinterpret_cast<const sockaddr *>(&target), targetLength);
 }
 

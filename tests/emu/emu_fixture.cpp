@@ -110,15 +110,13 @@ void EmuTest::SendRaw(const Bytes &datagram, bool freshSocket) {
         raw_ = -1;
     }
     if (raw_ < 0) {
-        raw_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ASSERT_TRUE(l2vfib::host::BindIfUnbound(raw_));
+        raw_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        socklen_t length = 0;
+        ASSERT_TRUE(l2vfib::host::NodePortAddress(0x8000, 2670, &address, &length));
+        ASSERT_EQ(connect(raw_, reinterpret_cast<sockaddr *>(&address), length), 0);
     }
-    sockaddr_un address{};
-    socklen_t length = 0;
-    ASSERT_TRUE(l2vfib::host::NodePortAddress(0x8000, 2670, &address, &length));
-    ASSERT_EQ(sendto(raw_, datagram.data(), datagram.size(), 0,
-                     reinterpret_cast<sockaddr *>(&address), length),
-              static_cast<ssize_t>(datagram.size()));
+    ASSERT_EQ(send(raw_, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
     // The device handles datagrams in order; a status round trip after the
     // send means this one has been applied.
     Steer(Json{{"cmd", "status"}});

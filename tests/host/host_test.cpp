@@ -261,7 +261,8 @@ TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
         EXPECT_EQ(CIOCTL(1, 2, 0, nullptr, 0, nullptr, &answerLength),
                   row.error != 0 ? kNoDevice : 7u) << row.name;
     }
-    if (!skipped.empty()) GTEST_SKIP() << "only root can give a directory to uid 65534: " << skipped;
+    if (!skipped.empty())
+        GTEST_SKIP() << "only root can give a directory to uid 65534: " << skipped;
 }
 
 std::atomic<int> gSignals{0};

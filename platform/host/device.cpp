@@ -8,11 +8,12 @@
 // $L2VFIB_CONTROL_TIMEOUT_MS milliseconds (3000 when unset or not a
 // number). Datagrams that are not that answer are dropped.
 //
-// With no device (no endpoint, no answer in time, or a malformed answer)
-// the calls fail as a device would: CIOCTL and CIOCTL_Async return
-// kNoDevice, DEV_GetAllNodes returns null with a count of 0, IF_IsNodeUp
-// returns 0, TUNNEL_GetMode returns kNoDevice and leaves the mode alone,
-// and LIP_GetLocalLip returns kFallbackLocalLip (node 0x0001).
+// With no device (no endpoint, a device directory that is not trusted, no
+// answer in time, or a malformed answer) the calls fail as a device would:
+// CIOCTL and CIOCTL_Async return kNoDevice, DEV_GetAllNodes returns null
+// with a count of 0, IF_IsNodeUp returns 0, TUNNEL_GetMode returns
+// kNoDevice and leaves the mode alone, and LIP_GetLocalLip returns
+// kFallbackLocalLip (node 0x0001).
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -51,8 +52,10 @@ long NowMs() {
     return now.tv_sec * 1000L + now.tv_nsec / 1000000L;
 }
 
-// A socket connected to the control endpoint, or -1 when there is none.
+// A socket connected to the control endpoint, or -1 when there is none or
+// the device directory is not trusted.
 int OpenControl() {
+    if (!DeviceDirTrusted()) return -1;
     sockaddr_un endpoint{};
     socklen_t endpointLength = 0;
     if (!ControlAddress(&endpoint, &endpointLength)) return -1;

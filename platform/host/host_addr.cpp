@@ -1,11 +1,13 @@
-// Socket paths of the emulated device and the reading of the device's
-// 16-byte address (the layout is given in host_addr.h).
+// Socket paths of the emulated device, the check that its directory can be
+// trusted, and the reading of the device's 16-byte address (the layout is
+// given in host_addr.h).
 #include "host_addr.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace l2vfib::host {
@@ -45,6 +47,40 @@ int DeviceDir(char *out, size_t room) {
         return Fitted(std::snprintf(out, room, "%s/l2vfib", runtime), room);
     return Fitted(std::snprintf(out, room, "/tmp/l2vfib-%u", static_cast<unsigned>(getuid())),
                   room);
+}
+
+DirFault CheckDir(const char *path, char *text, size_t room) {
+    struct stat seen{};
+    DirFault fault = DirFault::kNone;
+    if (stat(path, &seen) != 0)
+        fault = DirFault::kMissing;
+    else if (!S_ISDIR(seen.st_mode))
+        fault = DirFault::kNotDirectory;
+    else if (seen.st_uid != geteuid())
+        fault = DirFault::kOtherOwner;
+    else if ((seen.st_mode & S_IWOTH) != 0)
+        fault = DirFault::kOthersWritable;
+    else if ((seen.st_mode & S_IWGRP) != 0)
+        fault = DirFault::kGroupWritable;
+    if (fault == DirFault::kNone) return fault;
+    const int error = fault == DirFault::kMissing ? errno : EACCES;
+    if (text != nullptr && room != 0) {
+        static constexpr const char *kReasons[] = {"", "missing", "not a directory", "",
+                                                   "writable by others", "writable by group"};
+        if (fault == DirFault::kOtherOwner)
+            std::snprintf(text, room, "owned by uid %u", static_cast<unsigned>(seen.st_uid));
+        else if (fault == DirFault::kMissing && error != ENOENT)
+            std::snprintf(text, room, "%s", std::strerror(error));
+        else
+            std::snprintf(text, room, "%s", kReasons[static_cast<int>(fault)]);
+    }
+    errno = error;
+    return fault;
+}
+
+bool DeviceDirTrusted() {
+    char dir[kMaxSocketPath + 1];
+    return DeviceDir(dir, sizeof dir) >= 0 && CheckDir(dir, nullptr, 0) == DirFault::kNone;
 }
 
 namespace {

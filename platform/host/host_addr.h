@@ -13,6 +13,11 @@
 // /tmp/l2vfib-<uid>. The client side never creates it: the emulated device
 // does.
 //
+// The device directory is trusted only when, after following symlinks, it
+// is a directory owned by the effective user and writable by neither group
+// nor others: whoever else can write it can put a socket of their own in
+// place of a service's file and read or answer everything a daemon sends.
+//
 // No exceptions, no heap: every function writes into memory it is given
 // and reports failure through errno.
 #ifndef L2VFIB_HOST_ADDR_H
@@ -48,6 +53,28 @@ int NodePortPath(uint16_t node, uint16_t port, char *out, size_t room);
 // Writes the path of the control endpoint into out. Returns its length, or
 // -1 with errno ENAMETOOLONG.
 int ControlPath(char *out, size_t room);
+
+// Why a directory is not trusted as the device directory.
+enum class DirFault : uint8_t {
+    kNone,            // trusted
+    kMissing,         // stat failed: missing, or not reachable
+    kNotDirectory,
+    kOtherOwner,      // owned by a user other than the effective one
+    kOthersWritable,
+    kGroupWritable,
+};
+
+// Checks the directory at path against the rule above and returns the
+// first fault found, or kNone. On a fault errno is stat's own for kMissing
+// (ENOENT when missing) and EACCES for the others, and, when text is not
+// null, a short reason is written into it, NUL-terminated and cut to room:
+// "missing" (or stat's error text), "not a directory", "owned by uid N",
+// "writable by others", "writable by group".
+DirFault CheckDir(const char *path, char *text, size_t room);
+
+// The device directory checked with CheckDir: true when it is trusted;
+// false with errno set as CheckDir sets it, or ENAMETOOLONG.
+bool DeviceDirTrusted();
 
 // Fills an AF_UNIX address for (node, port) or for the control endpoint.
 // False with errno ENAMETOOLONG when the path does not fit sun_path.

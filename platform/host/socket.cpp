@@ -74,6 +74,7 @@ extern "C" int SKT_Connect(int fd, const void *address, uint32_t addressLength) 
     uint16_t node = 0;
     uint16_t port = 0;
     if (!ParseDeviceAddress(address, addressLength, &node, &port)) return -1;
+    if (!DeviceDirTrusted()) return -1;  // EACCES: not a directory of ours alone
     sockaddr_un target{};
     socklen_t targetLength = 0;
     if (!NodePortAddress(node, port, &target, &targetLength)) return -1;

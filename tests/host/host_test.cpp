@@ -2,13 +2,17 @@
 // directory, and peers bound in it stand in for the control endpoint. (The
 // library over this platform is the emulated device's tests' to check.)
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -16,6 +20,7 @@
 #include <vector>
 
 #include "control_proto.h"
+#include "host_addr.h"
 #include "l2vfib.h"
 #include "l2vfib_platform.h"
 
@@ -23,6 +28,9 @@ namespace {
 
 using namespace l2vfib::host;
 using Bytes = std::vector<uint8_t>;
+
+// The forwarding service: port 2670 on node 0x8000.
+const Bytes kForwarding = {16, 37, 0x0a, 0x6e, 0x80, 0x00, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 class DeviceDir : public ::testing::Test {
   protected:
@@ -133,7 +141,7 @@ TEST_F(HostSocket, AddressesErrnoAndTimeOuts) {
     EXPECT_EQ(errno, EAFNOSUPPORT);
     const int fd = SKT_Socket(37, SOCK_DGRAM, 1);
     ASSERT_GE(fd, 0);
-    const Bytes good = {16, 37, 0x0a, 0x6e, 0x80, 0x00, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const Bytes &good = kForwarding;
     // Bad addresses, then a good one with nothing at node-8000.port-2670.
     const struct { size_t at; uint8_t value; uint32_t length; int error; } cases[] = {
         {0, 15, 16, EINVAL}, {1, 2, 16, EAFNOSUPPORT}, {6, 1, 16, EINVAL},
@@ -207,6 +215,92 @@ TEST_F(HostDevice, WithoutADeviceCallsFailAsADeviceWould) {
                ControlDevice([](const ControlRequest &) { return Answer{}; }, 1));
     EXPECT_NE(CIOCTL(0x8000, 0x440002, 0, nullptr, 8, answer, &answerLength), 0u);
     EXPECT_EQ(stale.Stop().size(), 1u);
+}
+
+// Each directory has the forwarding service and a control endpoint bound in
+// it, so only the check stands between a daemon and whoever can write there.
+TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
+    enum Via { kItself, kSymlink, kMissing };
+    const struct { const char *name; mode_t mode; bool otherOwner; Via via; int error;
+                   const char *reason; } rows[] = {
+        {"own, 0700", 0700, false, kItself, 0, ""},
+        {"own, through a symlink", 0700, false, kSymlink, 0, ""},
+        {"writable by others", 0703, false, kItself, EACCES, "writable by others"},
+        {"writable by group", 0730, false, kItself, EACCES, "writable by group"},
+        {"another user's", 0700, true, kItself, EACCES, "owned by uid 65534"},
+        {"a symlink to another user's world-writable directory", 01777, true, kSymlink, EACCES,
+         "owned by uid 65534"},
+        {"missing", 0700, false, kMissing, ENOENT, "missing"},
+    };
+    std::string skipped;
+    for (const auto &row : rows) {
+        if (row.otherOwner && geteuid() != 0) {
+            skipped += std::string(skipped.empty() ? "" : "; ") + row.name;
+            continue;
+        }
+        const std::string dev = dir_ + "/" + std::to_string(&row - rows);
+        ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
+        Peer service(dev + "/node-8000.port-2670", [](const Bytes &) { return Bytes{}; });
+        Peer control(dev + "/control", ControlDevice([](const ControlRequest &) {
+            return Answer{7, {}};
+        }));
+        ASSERT_EQ(chmod(dev.c_str(), row.mode), 0);
+        if (row.otherOwner) ASSERT_EQ(chown(dev.c_str(), 65534, 65534), 0);
+        const std::string device = row.via == kItself ? dev : dev + "-elsewhere";
+        if (row.via == kSymlink) ASSERT_EQ(symlink(dev.c_str(), device.c_str()), 0);
+        setenv("L2VFIB_DEVICE_DIR", device.c_str(), 1);
+
+        char reason[40] = "";
+        CheckDir(device.c_str(), reason, sizeof reason);
+        EXPECT_STREQ(reason, row.reason) << row.name;
+        const int fd = SKT_Socket(37, SOCK_DGRAM, 1);
+        EXPECT_EQ(SKT_Connect(fd, kForwarding.data(), 16), row.error != 0 ? -1 : 0) << row.name;
+        if (row.error != 0) EXPECT_EQ(errno, row.error) << row.name;
+        SKT_Close(fd);
+        uint32_t answerLength = 99;
+        EXPECT_EQ(CIOCTL(1, 2, 0, nullptr, 0, nullptr, &answerLength),
+                  row.error != 0 ? kNoDevice : 7u) << row.name;
+    }
+    if (!skipped.empty())
+        GTEST_SKIP() << "only root can give a directory to uid 65534: " << skipped;
+}
+
+std::atomic<int> gSignals{0};
+
+// The answer at its edges: a datagram of the largest size the protocol
+// allows, and one that comes after a signal interrupted the wait.
+TEST_F(HostDevice, ControlAnswersAtTheEdges) {
+    struct sigaction counting{}, old{};
+    counting.sa_handler = [](int) { ++gSignals; };  // no SA_RESTART: poll fails with EINTR
+    sigemptyset(&counting.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &counting, &old), 0);
+    const pthread_t waiter = pthread_self();
+    const struct { const char *name; uint32_t room; bool interrupted; } rows[] = {
+        {"an answer of exactly 4096 bytes", kMaxDatagram - kAnswerHead, false},
+        {"a wait interrupted by a signal", 8, true},
+    };
+    for (const auto &row : rows) {
+        Bytes data(row.room);
+        for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
+        unlink((dir_ + "/control").c_str());  // the last row's endpoint
+        Peer device(dir_ + "/control", ControlDevice([&](const ControlRequest &) {
+            if (row.interrupted) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                pthread_kill(waiter, SIGUSR1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+            return Answer{0x1234, data};
+        }));
+        Bytes answer(row.room);
+        uint32_t answerLength = 0;
+        const int signals = gSignals;
+        EXPECT_EQ(CIOCTL(1, 2, 0, nullptr, row.room, answer.data(), &answerLength), 0x1234u)
+            << row.name;
+        EXPECT_EQ(answerLength, row.room) << row.name;
+        EXPECT_EQ(answer, data) << row.name;
+        EXPECT_EQ(gSignals - signals, row.interrupted ? 1 : 0) << row.name;
+    }
+    sigaction(SIGUSR1, &old, nullptr);
 }
 
 }  // namespace

@@ -90,6 +90,18 @@ class Peer {
     std::thread thread_;
 };
 
+// The forwarding service's socket file: a listening packet socket, as the
+// emulated device binds it.
+int Listening(const std::string &path) {
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << path;
+    EXPECT_EQ(listen(fd, 4), 0);
+    return fd;
+}
+
 // The emulated device at the control endpoint: answers each request but
 // CIOCTL_Async's with the device's result and data, its sequence number off
 // by skew.
@@ -240,7 +252,7 @@ TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
         }
         const std::string dev = dir_ + "/" + std::to_string(&row - rows);
         ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
-        Peer service(dev + "/node-8000.port-2670", [](const Bytes &) { return Bytes{}; });
+        const int service = Listening(dev + "/node-8000.port-2670");
         Peer control(dev + "/control", ControlDevice([](const ControlRequest &) {
             return Answer{7, {}};
         }));
@@ -257,6 +269,7 @@ TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
         EXPECT_EQ(SKT_Connect(fd, kForwarding.data(), 16), row.error != 0 ? -1 : 0) << row.name;
         if (row.error != 0) EXPECT_EQ(errno, row.error) << row.name;
         SKT_Close(fd);
+        close(service);
         uint32_t answerLength = 99;
         EXPECT_EQ(CIOCTL(1, 2, 0, nullptr, 0, nullptr, &answerLength),
                   row.error != 0 ? kNoDevice : 7u) << row.name;

@@ -547,6 +547,14 @@ int Start(const StartOptions &options) {
         fmt::print(stderr, "l2vfib-emu: cannot create {}: {}\n", dir, std::strerror(errno));
         return 1;
     }
+    // Whoever can write in the directory can put a socket of their own
+    // where a daemon connects: only one of this user's, closed to others,
+    // is used (after following symlinks).
+    char why[64];
+    if (host::CheckDir(dir.c_str(), why, sizeof why) != host::DirFault::kNone) {
+        fmt::print(stderr, "l2vfib-emu: the device directory {} is not trusted: {}\n", dir, why);
+        return 1;
+    }
     if (Running()) {
         fmt::print(stderr, "l2vfib-emu: already running in {}\n", dir);
         return 1;

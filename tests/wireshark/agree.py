@@ -22,11 +22,18 @@ import sys
 import tempfile
 import time
 
-# One malformed datagram a row: service (0 forwarding, 1 event, 2 control),
-# direction (0 to the device, 1 from it), its bytes, and the first fault
-# each reader must report, at its offset in the datagram (in a control
-# call's input for service 2).
+# One datagram a row: service (0 forwarding, 1 event, 2 control), direction
+# (0 to the device, 1 from it), its bytes, and the first fault each reader
+# must report, at its offset in the datagram (in a control call's input for
+# service 2), or None. The sound rows hold what the captures lack: IPv4 and
+# IPv6 address blocks, codes told apart by their first item, padded and
+# longer AC data entries.
 FAULT_ROWS = [
+    (0, 0, "00 1e 00 40 00 00 05 08 00 bb 00 3c 00 02 00 00 0a 00 00 01" + " 00" * 12 +
+     " 00 0a 00 01 fe 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 02 ab cd c0 a8 00 01" + " 00" * 11 + " 01", None, None),
+    (0, 0, "00 29 00 10 00 00 05 08 00 ec 00 0c 00 00 00 01 00 00 00 02 00 03 00 00", None, None),
+    (0, 1, "00 11 00 28 00 20 12 00 00 00 00 00 00 11 00 20 00 00 12 00 00 01 00 04 00 00 00 01"
+     " 00 14 00 14 00 00 00 01 00 02 03 04 00 05 00 06 00 00 00 07 aa bb cc dd", None, None),
     (0, 0, "00 03 00 0c 00 00 07", "short-header", 0),
     (0, 0, "00 03 00 40 00 00 07 03 00 0a 00 08 00 00 00 07 00 01 00 00", "length-past-end", 2),
     (0, 0, "00 03 00 0c 00 00 07 03 00 0a 00 09 00 00 00 07 00 01 00 00", "truncated-item", 8),

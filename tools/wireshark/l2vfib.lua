@@ -500,6 +500,16 @@ local function unknown_objtype(state, m, tree, tvb)
         string.format("unknown object type %d at offset %d", m.objtype, m.offset))
 end
 
+-- A header field that the format fixes.
+local HEAD_AT = { tag = 4, byte7 = 7, extWord = 8 }
+local function head_value(state, m, tree, tvb, field, want)
+    local got = field == "extWord" and m.extword or m[field]
+    if got == want then return nil end
+    local at = m.offset + HEAD_AT[field]
+    return fault(state, tree, tvb(at, field == "extWord" and 4 or field == "tag" and 2 or 1), "bad-value",
+        string.format("%s %d in %s, not %d, at offset %d", field, got, m.name or "", want, at))
+end
+
 -- The catalogue codes of a message, by object type, opcode and first item.
 local function catalogue(state, m, tree, tvb)
     local type_known, op_known, codes = false, false, {}
@@ -525,6 +535,8 @@ local function catalogue(state, m, tree, tvb)
     end
     m.name = "cfg " .. table.concat(codes, "/")
     m.kind = "cfg"
+    local err = head_value(state, m, tree, tvb, "byte7", codes[1] == 80 and 5 or 8)
+    if err then return nil, err end
     return ENTRY, nil, SHAPE[CATALOGUE[codes[1] + 1][3]][2]
 end
 
@@ -532,8 +544,13 @@ end
 -- direction and header; or the fault that leaves it unnamed.
 local function classify(state, channel, m, tree, tvb)
     local op, ot = m.opcode, m.objtype
-    local function named(kind, name, layouts, key)
+    -- Named, when the header fields that the format fixes hold.
+    local function named(kind, name, layouts, key, fixed)
         m.kind, m.name = kind, name
+        for _, f in ipairs(fixed or {}) do
+            local err = head_value(state, m, tree, tvb, f[1], f[2])
+            if err then return nil, err end
+        end
         return layouts, nil, key
     end
     local function opname(base)
@@ -542,12 +559,14 @@ local function classify(state, channel, m, tree, tvb)
     end
     if channel == "to-service" then
         if m.head == 12 then
+            local err = head_value(state, m, tree, tvb, "byte7", 0) or head_value(state, m, tree, tvb, "extWord", 0)
+            if err then return nil, err end
             if ot == 16 then
                 if op ~= 16 and op ~= 17 then return nil, unknown_opcode(state, m, tree, tvb) end
-                return named("ac-flag", op == 17 and "ac-flag 1" or "ac-flag 0", { [13] = "" }, 0)
+                return named("ac-flag", op == 17 and "ac-flag 1" or "ac-flag 0", { [13] = "" }, 0, { { "tag", 3 } })
             end
             if op ~= 18 then return nil, unknown_opcode(state, m, tree, tvb) end
-            return named("ac-data-query", "ac-data query", { [1] = "", [20] = "" }, 0)
+            return named("ac-data-query", "ac-data query", { [1] = "", [20] = "" }, 0, { { "tag", 32 } })
         end
         if m.tag ~= 0 then
             return nil, fault(state, tree, tvb(m.offset + 4, 2), "bad-value",
@@ -557,24 +576,31 @@ local function classify(state, channel, m, tree, tvb)
             if op == 5 or op == 7 then return named("pw", opname("pw"), ENTRY, 10) end
             return nil, unknown_opcode(state, m, tree, tvb)
         elseif ot == 6 and op ~= 23 then
-            if op == 5 or op == 7 then return named("ac", opname("ac"), ENTRY, 20) end
+            if op == 5 or op == 7 then return named("ac", opname("ac"), ENTRY, 20, { { "byte7", 0 } }) end
             return nil, unknown_opcode(state, m, tree, tvb)
         elseif ot == 7 then
-            if op == 3 or op == 4 then return named("gr-event", "gr-event " .. op, ENTRY, 0) end
+            if op == 3 or op == 4 then return named("gr-event", "gr-event " .. op, ENTRY, 0, { { "byte7", 8 } }) end
             return nil, unknown_opcode(state, m, tree, tvb)
         elseif ot == 9 then
-            if op == 0 then return named("mac-withdraw", "mac-withdraw", ENTRY, 10) end
+            if op == 0 then return named("mac-withdraw", "mac-withdraw", ENTRY, 10, { { "byte7", 8 } }) end
             return nil, unknown_opcode(state, m, tree, tvb)
         elseif ot == 10 then
-            if op == 1 then return named("mac-reset", "mac-reset", ENTRY, 0) end
+            if op == 1 then return named("mac-reset", "mac-reset", ENTRY, 0, { { "byte7", 8 } }) end
             return nil, unknown_opcode(state, m, tree, tvb)
         elseif ot == 12 then
             return named("minm", opname("minm"), ENTRY, 40)
         elseif (ot == 14 and op ~= 23) or ot == 18 then
-            if op == 10 then return named("tunnel-if", "tunnel-if del", ENTRY, 72) end
-            if op == 5 then return named("tunnel", "tunnel add", ENTRY, 70) end
-            if op == 7 then return named("tunnel", "tunnel del", ENTRY, 70) end
-            return nil, unknown_opcode(state, m, tree, tvb)
+            if op == 10 then
+                return named("tunnel-if", "tunnel-if del", ENTRY, 72, { { "byte7", ot == 18 and 7 or 5 } })
+            end
+            if op ~= 5 and op ~= 7 then return nil, unknown_opcode(state, m, tree, tvb) end
+            m.kind, m.name = "tunnel", op == 5 and "tunnel add" or "tunnel del"
+            -- Byte 7 chooses the object type: 7 is type 18, any other 14.
+            if (m.byte7 == 7) ~= (ot == 18) then
+                return nil, fault(state, tree, tvb(m.offset + 7, 1), "bad-value",
+                    string.format("byte7 %d with object type %d at offset %d", m.byte7, ot, m.offset + 7))
+            end
+            return ENTRY, nil, 70
         elseif ot == 31 then
             return named("ebg-df", opname("ebg-df"), ENTRY, 153)
         elseif ot == 32 then
@@ -586,10 +612,11 @@ local function classify(state, channel, m, tree, tvb)
     elseif channel == "to-event" then
         if ot ~= 20 then return nil, unknown_objtype(state, m, tree, tvb) end
         if op ~= 5 and op ~= 7 then return nil, unknown_opcode(state, m, tree, tvb) end
+        local fixed = { { "tag", 0 }, { "byte7", 0 } }
         if #m.items > 0 and m.items[1].type == 0 then
-            return named("evt-channel", op == 5 and "evt-channel open" or "evt-channel close", EVENT_REG, 0)
+            return named("evt-channel", op == 5 and "evt-channel open" or "evt-channel close", EVENT_REG, 0, fixed)
         end
-        return named("evt-reg", op == 5 and "evt-reg add" or "evt-reg del", EVENT_REG, 0)
+        return named("evt-reg", op == 5 and "evt-reg add" or "evt-reg del", EVENT_REG, 0, fixed)
     elseif channel == "from-service" then
         if m.head == 12 then return named("ac-data-answer", "ac-data answer", nil, 0) end
         local first = #m.items > 0 and m.items[1].type or nil
@@ -730,7 +757,10 @@ local function dissect_messages(tvb, tree, channel)
         m.tree:add(hf.tag, tvb(pos + 4, 2))
         m.tree:add(hf.opcode, tvb(pos + 6, 1))
         m.tree:add(hf.byte7, tvb(pos + 7, 1))
-        if head == 12 then m.tree:add(hf.extword, tvb(pos + 8, 4)) end
+        if head == 12 then
+            m.extword = tvb(pos + 8, 4):uint()
+            m.tree:add(hf.extword, tvb(pos + 8, 4))
+        end
         local from, to = pos + head, pos + m.size
         local err
         if channel == "from-service" and head == 12 then

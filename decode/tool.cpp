@@ -31,13 +31,16 @@ struct Options {
 };
 
 // Prints one datagram's messages; false when it had a fault.
-bool Show(std::span<const uint8_t> datagram, dec::Channel channel, const Options &o, const std::string &prefix) {
+// With --json and a capture, each datagram's object also names its record
+// ("frame", from 1) and a control call its head ("control").
+bool Show(std::span<const uint8_t> datagram, dec::Channel channel, const Options &o, const std::string &prefix,
+          nlohmann::json json = nlohmann::json::object()) {
     const dec::Decoded d =
         o.control != 0 ? dec::DecodeControl(o.control, datagram, o.answer) : dec::Decode(datagram, channel);
     if (o.json) {
-        nlohmann::json j = dec::ToJson(d);
-        j["channel"] = dec::ChannelName(channel);
-        std::cout << j.dump() << '\n';
+        json.update(dec::ToJson(d));
+        if (!json.contains("channel")) json["channel"] = dec::ChannelName(channel);
+        std::cout << json.dump() << '\n';
     } else {
         for (const std::string &line : dec::RenderLines(d)) std::cout << prefix << line << '\n';
     }
@@ -70,30 +73,44 @@ std::optional<std::pair<std::span<const uint8_t>, dec::Channel>> Udp(std::span<c
 // One datagram of the host's control protocol: a request (24-byte head,
 // the call's input) or an answer (16-byte head, the data). The control
 // calls' inputs are decoded; the rest is shown as numbers.
-bool ShowControl(std::span<const uint8_t> d, const Options &o, const std::string &prefix) {
+bool ShowControl(std::span<const uint8_t> d, const Options &o, const std::string &prefix, nlohmann::json json) {
     auto be32 = [&](size_t at) {
         return static_cast<uint32_t>(d[at]) << 24 | static_cast<uint32_t>(d[at + 1]) << 16 |
                static_cast<uint32_t>(d[at + 2]) << 8 | d[at + 3];
     };
     const bool answer = d.size() >= 2 && (d[1] & 0x80) != 0;
     const size_t head = answer ? 16 : 24;
+    json["channel"] = "control";
     if (d.size() < head || be32(head - 4) != d.size() - head) {
-        std::cout << prefix << "error: malformed control datagram of " << d.size() << " bytes\n";
+        const std::string text = fmt::format("malformed control datagram of {} bytes", d.size());
+        json["error"] = {{"code", "control"}, {"offset", 0}, {"text", text}};
+        if (o.json) std::cout << json.dump() << '\n';
+        else std::cout << prefix << "error: " << text << '\n';
         return false;
     }
     const unsigned op = d[1] & 0x7F;
     if (answer) {
-        std::cout << prefix << fmt::format("control answer op {} sequence {} result {} data {}\n", op, be32(4),
-                                           be32(8), dec::ToHex(d.subspan(16)));
+        json["control"] = {{"op", op}, {"answer", true}, {"sequence", be32(4)}, {"result", be32(8)},
+                           {"data", dec::ToHex(d.subspan(16))}};
+        if (o.json) std::cout << json.dump() << '\n';
+        else std::cout << prefix << fmt::format("control answer op {} sequence {} result {} data {}\n", op, be32(4),
+                                                be32(8), dec::ToHex(d.subspan(16)));
         return true;
     }
-    std::cout << prefix << fmt::format("control op {} sequence {} arg0 {} arg1 {:#x} arg2 {}\n", op, be32(4),
-                                       be32(8), be32(12), be32(16));
-    if (op != 1 && op != 2) return true;
+    json["control"] = {{"op", op},          {"answer", false},    {"sequence", be32(4)},
+                       {"arg0", be32(8)},   {"arg1", be32(12)},   {"arg2", be32(16)}};
+    if (!o.json) {
+        std::cout << prefix << fmt::format("control op {} sequence {} arg0 {} arg1 {:#x} arg2 {}\n", op, be32(4),
+                                           be32(8), be32(12), be32(16));
+    }
+    if (op != 1 && op != 2) {
+        if (o.json) std::cout << json.dump() << '\n';
+        return true;
+    }
     Options call = o;
     call.control = be32(12);
     call.answer = false;
-    return Show(d.subspan(24), o.channel, call, prefix + "  ");
+    return Show(d.subspan(24), o.channel, call, prefix + "  ", std::move(json));
 }
 
 // Datagrams of a capture. The emulated device's captures (link type USER0)
@@ -123,32 +140,36 @@ int ReadPcap(const std::string &path, const Options &o) {
     for (size_t n = 1; pcap_next_ex(p, &head, &data) == 1; ++n) {
         std::span<const uint8_t> packet(data, head->caplen);
         const std::string prefix = fmt::format("{}: ", n);
+        nlohmann::json json = {{"frame", n}};
         if (link == DLT_USER0) {
             if (packet.size() < 8 || packet[0] > 1 || packet[1] > 2) {
-                std::cout << prefix << "error: capture record without its pseudo-header\n";
+                const char *text = "capture record without its pseudo-header";
+                json["error"] = {{"code", "pseudo-header"}, {"offset", 0}, {"text", text}};
+                if (o.json) std::cout << json.dump() << '\n';
+                else std::cout << prefix << "error: " << text << '\n';
                 ok = false;
                 continue;
             }
             const bool from = packet[0] == 1;
             const auto datagram = packet.subspan(8);
             if (packet[1] == 2) {
-                ok = ShowControl(datagram, o, prefix + (from ? "< " : "> ")) && ok;
+                ok = ShowControl(datagram, o, prefix + (from ? "< " : "> "), std::move(json)) && ok;
                 continue;
             }
             const dec::Channel channel = packet[1] == 0 ? (from ? dec::Channel::kFromService : dec::Channel::kToService)
                                                         : (from ? dec::Channel::kFromEvent : dec::Channel::kToEvent);
-            ok = Show(datagram, channel, o, prefix + (from ? "< " : "> ")) && ok;
+            ok = Show(datagram, channel, o, prefix + (from ? "< " : "> "), std::move(json)) && ok;
             continue;
         }
         if (link > DLT_USER0 && link <= DLT_USER15) {
-            ok = Show(packet, o.channel, o, prefix) && ok;
+            ok = Show(packet, o.channel, o, prefix, std::move(json)) && ok;
             continue;
         }
         std::span<const uint8_t> ip;
         if (link == DLT_RAW || link == DLT_IPV4) ip = packet;
         else if (link == DLT_EN10MB && packet.size() >= 14 && packet[12] == 0x08 && packet[13] == 0x00) ip = packet.subspan(14);
         else if (link == DLT_LINUX_SLL && packet.size() >= 16 && packet[14] == 0x08 && packet[15] == 0x00) ip = packet.subspan(16);
-        if (const auto udp = Udp(ip)) ok = Show(udp->first, udp->second, o, prefix) && ok;
+        if (const auto udp = Udp(ip)) ok = Show(udp->first, udp->second, o, prefix, std::move(json)) && ok;
     }
     pcap_close(p);
     return ok ? 0 : 1;

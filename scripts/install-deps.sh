@@ -5,7 +5,7 @@ set -eu
 packages=""
 for group in "$@"; do
     case $group in
-    base) packages="$packages cmake make g++ gcc pkg-config binutils libgtest-dev libgmock-dev googletest libcli11-dev nlohmann-json3-dev libfmt-dev libpcap-dev" ;;
+    base) packages="$packages cmake make g++ gcc pkg-config binutils libgtest-dev libgmock-dev googletest libcli11-dev nlohmann-json3-dev libfmt-dev libpcap-dev tshark python3" ;;
     cross) packages="$packages g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user googletest" ;;
     fuzz) packages="$packages clang libclang-rt-dev" ;;
     bench) packages="$packages libbenchmark-dev libmnl-dev valgrind" ;;
@@ -28,6 +28,9 @@ else
     exit 1
 fi
 export DEBIAN_FRONTEND=noninteractive
+# tshark's package asks whether to let non-root users capture; the tests
+# only read captures, so answer no without asking.
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections 2>/dev/null || true
 $SUDO apt-get update -q
 # shellcheck disable=SC2086
 $SUDO apt-get install -y -q --no-install-recommends $missing

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -31,6 +32,15 @@ void EmuTest::SetUp() {
     ASSERT_NE(mkdtemp(dir), nullptr);
     dir_ = dir;
     setenv("L2VFIB_DEVICE_DIR", dir, 1);
+    // With L2VFIB_TEST_CAPTURE_DIR set, each test's device writes its
+    // capture there, named after the test (the dissector's test reads
+    // them), unless the test captures for itself.
+    const char *captures = std::getenv("L2VFIB_TEST_CAPTURE_DIR");
+    if (captures != nullptr && std::find(startOptions_.begin(), startOptions_.end(), "--capture") == startOptions_.end()) {
+        const auto *test = ::testing::UnitTest::GetInstance()->current_test_info();
+        startOptions_.push_back("--capture");
+        startOptions_.push_back(std::string(captures) + "/" + test->test_suite_name() + "." + test->name() + ".pcap");
+    }
     const std::string log = dir_ + "/emu.log";
     pid_ = fork();
     ASSERT_GE(pid_, 0);

@@ -48,6 +48,11 @@ bool FillPath(const std::string &path, sockaddr_un *address, socklen_t *length) 
     return true;
 }
 
+// A listening socket's backlog. A packet connection's queue holds at most
+// this many packets too, so it is set above what the sender's buffer
+// holds (about 180 batches at the host's largest buffer).
+constexpr int kBacklog = 1024;
+
 // A socket bound at path (removed first), or -1 with a message. Stream and
 // packet sockets listen.
 int BindAt(const std::string &path, int type) {
@@ -60,7 +65,7 @@ int BindAt(const std::string &path, int type) {
     unlink(path.c_str());
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        (type != SOCK_DGRAM && listen(fd, 128) != 0)) {
+        (type != SOCK_DGRAM && listen(fd, kBacklog) != 0)) {
         fmt::print(stderr, "l2vfib-emu: cannot bind {}: {}\n", path, std::strerror(errno));
         if (fd >= 0) close(fd);
         return -1;

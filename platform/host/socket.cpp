@@ -67,7 +67,12 @@ extern "C" int SKT_Socket(int family, int type, int protocol) {
         return -1;
     }
     const int flags = type & (SOCK_NONBLOCK | SOCK_CLOEXEC);
-    return socket(AF_UNIX, SOCK_SEQPACKET | flags | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | flags | SOCK_CLOEXEC, 0);
+    // The deepest queue the host lets a user ask for (net.core.wmem_max,
+    // which the kernel doubles): twice the default, about 180 batches.
+    const int depth = 1 << 22;
+    if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &depth, sizeof depth);
+    return fd;
 }
 
 extern "C" int SKT_Connect(int fd, const void *address, uint32_t addressLength) {

@@ -143,6 +143,9 @@ struct Connection {
     bool json = false;
     MessageTable::Key from{};
     bool closeWhenSent = false;
+    // Requests that asked to be answered only once every forwarding
+    // connection has been read to its end ("sync": true).
+    std::vector<std::string> waiting;
 };
 
 // The running device: its sockets and the one loop over them. Nothing in
@@ -207,7 +210,12 @@ class Server {
                 timeout = static_cast<int>(std::clamp<int64_t>(faults.busyUntilMs - now / 1000, 0, 500));
             if (!readForwarding && !faults.busy)
                 timeout = static_cast<int>(std::clamp<int64_t>((nextForwardUs_ - now + 999) / 1000, 0, 500));
-            if (poll(fds.data(), fds.size(), timeout) <= 0) continue;
+            const int ready = poll(fds.data(), fds.size(), timeout);
+            bool drained = true;
+            for (size_t i = 4; i < fds.size() && ready > 0; ++i)
+                if ((fds[i].revents & POLLIN) && connections_[fds[i].fd].service == kForwarding) drained = false;
+            if (drained || faults.busy) AnswerWaiting();
+            if (ready <= 0) continue;
             if (fds[0].revents & POLLIN) Accept(forwarding_, kForwarding);
             if (fds[1].revents & POLLIN) Accept(event_, kEvent);
             if (fds[2].revents & POLLIN) ControlDatagram();
@@ -388,28 +396,47 @@ class Server {
         for (size_t end; !c.streaming && (end = c.in.find('\n')) != std::string::npos;) {
             const std::string line = c.in.substr(0, end);
             c.in.erase(0, end + 1);
-            Json response;
-            std::vector<Outgoing> toClients, toChannels;
-            try {
-                const Json request = Json::parse(line);
-                if (request.value("cmd", "") == "show" && request.value("stream", false) &&
-                    !request.contains("key") && device_.IsStreamed(request.value("table", ""))) {
-                    c.streaming = true;
-                    c.closeWhenSent = true;
-                    c.table = request.value("table", "");
-                    c.json = request.value("json", false);
-                    c.from = {};
-                    response = Json{{"ok", true}, {"stream", true}, {"table", c.table}};
-                } else {
-                    response = device_.Steer(request, &toClients, &toChannels);
-                }
-            } catch (const Json::exception &e) {
-                response = Json{{"ok", false}, {"error", std::string("not JSON: ") + e.what()}};
+            if (!c.waiting.empty() || line.find("\"sync\":true") != std::string::npos) {
+                c.waiting.push_back(line);
+                continue;
             }
-            Send(kForwarding, toClients);
-            Send(kEvent, toChannels);
-            c.out += response.dump() + "\n";
+            c.out += Answer(c, line);
         }
+    }
+
+    // Answers every waiting request: the forwarding service has been read
+    // to its end (or is not read at all, while busy).
+    void AnswerWaiting() {
+        for (auto &[fd, c] : connections_) {
+            for (const std::string &line : c.waiting) c.out += Answer(c, line);
+            c.waiting.clear();
+        }
+    }
+
+    // One steering request's answer line. A show that streams starts its
+    // stream on c instead.
+    std::string Answer(Connection &c, const std::string &line) {
+        Json response;
+        std::vector<Outgoing> toClients, toChannels;
+        try {
+            const Json request = Json::parse(line);
+            if (request.value("cmd", "") == "show" && request.value("stream", false) &&
+                !request.contains("key") && device_.IsStreamed(request.value("table", ""))) {
+                c.streaming = true;
+                c.closeWhenSent = true;
+                c.table = request.value("table", "");
+                c.json = request.value("json", false);
+                c.from = {};
+                response = Json{{"ok", true}, {"stream", true}, {"table", c.table}};
+            } else {
+                response = device_.Steer(request, &toClients, &toChannels);
+            }
+        } catch (const Json::exception &e) {
+            response = Json{{"ok", false}, {"error", std::string("not JSON: ") + e.what()}};
+        }
+        Send(kForwarding, toClients);
+        Send(kEvent, toChannels);
+        return response.dump() + "\n";
     }
 
     // Renders the next block of a streamed show while the client keeps up.

@@ -18,6 +18,9 @@
 //   {"cmd": "ident", "next": N}             the next identifier to allocate
 //   {"cmd": "clear"}                        empty every table and the counters
 //   {"cmd": "status"} / {"cmd": "stop"}
+// Any request with "sync": true is answered only once the forwarding
+// service has been read to its end, so that what was sent before it has
+// been applied.
 #include <fmt/format.h>
 
 #include <ctime>

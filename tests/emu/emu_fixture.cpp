@@ -127,9 +127,9 @@ void EmuTest::SendRaw(const Bytes &datagram, bool freshSocket) {
         ASSERT_EQ(connect(raw_, reinterpret_cast<sockaddr *>(&address), length), 0);
     }
     ASSERT_EQ(send(raw_, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
-    // The device handles datagrams in order; a status round trip after the
-    // send means this one has been applied.
-    Steer(Json{{"cmd", "status"}});
+    // A status that waits until the device has read the forwarding service
+    // to its end: this datagram has been applied.
+    Steer(Json{{"cmd", "status"}, {"sync", true}});
 }
 
 Bytes EmuTest::Answer() {
@@ -154,7 +154,7 @@ void OpenOnEmu::TearDown() {
 
 void OpenOnEmu::Flush() {
     ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
-    Steer(Json{{"cmd", "status"}});
+    Steer(Json{{"cmd", "status"}, {"sync", true}});
 }
 
 }  // namespace emut

@@ -6,7 +6,10 @@
 
 #include <numeric>
 
+#include "device.h"
 #include "emu_fixture.h"
+#include "msg/catalogue.h"
+#include "server.h"
 #include "l2vfib.h"
 #include "l2vfib_platform.h"
 
@@ -267,6 +270,80 @@ TEST_F(EmuTest, EventChannelRegistrationsAndEvents) {
     EXPECT_EQ(L2VFIB_FiniEvent(evt), 0);
     Steer(Json{{"cmd", "status"}});
     EXPECT_EQ(Rows("channel").size(), 0u);
+}
+
+}  // namespace
+}  // namespace emut
+
+namespace emut {
+namespace {
+
+// A load that meets a busy spell: the daemon's pattern (flush, which
+// waits, then call again) loses nothing, and the refusals did happen.
+TEST_F(LibraryOnEmu, LoadsThroughABusySpellAndLosesNothing) {
+    const L2VFIB_LpwEntry pw = {{1, 2}, 1500, {10, 20, 30}, 1, {nullptr, nullptr}};
+    uint8_t block[64];
+    const auto n = static_cast<uint16_t>(L2VFIB_EncLpwEntry(&pw, sizeof block, block));
+    Steer(Json{{"cmd", "fault"}, {"fault", "busy"}, {"state", "on"}, {"ms", 200}});
+    // Until the queue is full (its depth is the host's), then on.
+    uint32_t refusals = 0, entries = 0;
+    for (uint32_t id = 1; id <= entries || (refusals == 0 && id < 2000000); ++id) {
+        const L2VFIB_EntryKey key = {id, 1};
+        entries = std::max(entries, id);
+        if (L2VFIB_AddPwEntry(fd_, 8, &key, block, n) == L2VFIB_OK) continue;
+        if (refusals++ == 0) entries = id + 5000;
+        ASSERT_EQ(L2VFIB_FlushEntry(fd_), L2VFIB_OK);
+        ASSERT_EQ(L2VFIB_AddPwEntry(fd_, 8, &key, block, n), L2VFIB_OK);
+    }
+    Flush();
+    EXPECT_GT(refusals, 0u);
+    EXPECT_EQ(Steer(Json{{"cmd", "count"}, {"table", "pw"}})["rows"][0]["rows"], entries);
+    EXPECT_EQ(Counter("busy-spells"), 1u);
+    EXPECT_EQ(Counter("fault-busy"), 0u);
+    EXPECT_NE(Log().find("fault busy off: its time is up"), std::string::npos);
+    // The whole table streams, in key order; one row alone by its key.
+    std::FILE *out = std::tmpfile();
+    std::string error;
+    ASSERT_TRUE(l2vfib::emu::SteerStreamed(Json{{"cmd", "show"}, {"table", "pw"}, {"stream", true}}, &error, out));
+    std::rewind(out);
+    uint32_t lines = 0, last = 0;
+    bool ordered = true;
+    for (char line[512]; std::fgets(line, sizeof line, out); ++lines) {
+        ordered = ordered && static_cast<uint32_t>(std::atoi(line)) == last + 1;
+        last = static_cast<uint32_t>(std::atoi(line));
+    }
+    std::fclose(out);
+    EXPECT_EQ(lines, entries);
+    EXPECT_TRUE(ordered);
+    EXPECT_EQ(Steer(Json{{"cmd", "show"}, {"table", "pw"}, {"key", "5000/1"}})["rows"][0]["key"], "5000/1");
+}
+
+// Edges of what the device keeps: an AC data answer holds at most
+// L2VFIB_AC_DATA_MAX entries, and a member set that a delete empties is
+// gone; every code that the library sends as an answered command is one
+// the device answers.
+TEST_F(LibraryOnEmu, KeepsItsEdges) {
+    L2VFIB_AcInfo info = {100, 7, 1, 0, {}, 0, 0, {}, 10, 20};
+    for (uint32_t id = 1; id <= L2VFIB_AC_DATA_MAX + 1; ++id) {
+        const L2VFIB_EntryKey key = {id, 1};
+        OK(L2VFIB_AddAcEntry(fd_, &key, &info, nullptr));
+    }
+    Flush();
+    static L2VFIB_AcData entries[L2VFIB_AC_DATA_MAX];
+    L2VFIB_AcDataList list = {0, entries};
+    OK(L2VFIB_GetAcData(fd_, &list));
+    EXPECT_EQ(list.count, L2VFIB_AC_DATA_MAX);
+
+    const L2VFIB_EbgKey group = {7};
+    const uint32_t members[2] = {1, 2};
+    OK(L2VFIB_AddEBGMember(fd_, 8, &group, members, 2));
+    OK(L2VFIB_DelEBGMember(fd_, 8, &group, members, 2));
+    Flush();
+    EXPECT_EQ(Text("ebg"), "");
+
+    for (uint32_t code = 0; code < l2vfib::kCmdCount; ++code)
+        EXPECT_EQ(l2vfib::emu::IsAnsweredCode(code), l2vfib_CmdTable[code].path == l2vfib::Path::kReply)
+            << "code " << code;
 }
 
 }  // namespace

@@ -6,7 +6,8 @@
 #   make fuzz         build the fuzzers and run each for FUZZ_SECONDS
 #   make demo         the example daemon against the emulated device
 #   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
-#   make bench        benchmarks: wall time, then the instruction table
+#   make bench        benchmarks: wall time, the instruction table, the bulk load
+#   make soak         bad input at full rate against the emulated device, SOAK_SECONDS
 #   make build        just build (build/)
 #   make clean
 
@@ -21,7 +22,8 @@ CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
 .PHONY: all build demo test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
-.PHONY: bench deps-bench fuzz-long footprint
+.PHONY: bench deps-bench fuzz-long footprint soak
+SOAK_SECONDS ?= 10
 
 all: build
 
@@ -89,6 +91,12 @@ bench: deps-bench
 	$(CMAKE) --build build-bench -j$(JOBS) --target l2vfib_bench
 	build-bench/bench/l2vfib_bench --benchmark_min_time=0.05
 	sh bench/callgrind.sh build-bench/bench
+	$(CMAKE) --build build-bench -j$(JOBS) --target l2vfib_load
+	build-bench/bench/l2vfib_load
+
+# Random and mutated datagrams from several senders, for SOAK_SECONDS.
+soak: build
+	L2VFIB_SOAK_SECONDS=$(SOAK_SECONDS) build/tests/emu/l2vfib_emu_trust_tests --gtest_filter='*Flood*'
 
 clean:
 	rm -rf build build-asan build-fuzz build-bench build-armhf-release $(foreach a,$(CROSS_ARCHES),build-$(a))

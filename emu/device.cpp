@@ -242,6 +242,8 @@ void Device::Restarted() {
     acData_.clear();
     clients_.clear();
     channelIds_.clear();
+    nextChannelId_ = 1;
+    nextReg_ = 1;
     acFlagMessages_ = 0;
     ++counters_.restarts;
     Log("service restarted: every table and event channel emptied, every connection closed");

@@ -45,7 +45,11 @@ class Table {
     bool Erase(const std::vector<uint64_t> &key);
     // Appends a row under the next arrival number (log tables).
     Row &Append(Row row);
-    void Clear() { rows_.clear(); }
+    // Empties the table; arrival numbers start at 1 again.
+    void Clear() {
+        rows_.clear();
+        next_ = 1;
+    }
 
     size_t Size() const { return rows_.size(); }
     const std::map<std::vector<uint64_t>, Row> &Rows() const { return rows_; }

@@ -3,6 +3,11 @@
  * registers for events, and then serves its poll loop until it has handled
  * one notice and one event (or its wait runs out).
  *
+ * When the service restarts under it (its socket closes, or a flush that
+ * waits fails), it recovers as a daemon must: it closes the library, opens
+ * it again with a back-off until the service is back, programs its whole
+ * state again, and opens its event channel and registers again.
+ *
  *   fib_daemon [SECONDS]    wait up to SECONDS (default 10) for a notice
  *                           and an event; 0 skips the wait
  *
@@ -16,6 +21,7 @@
 #include <time.h>
 
 static int failures;
+static int quiet;  /* while programming again after a restart */
 
 /* Every call goes through here: print it, count a failure. */
 static int check(const char *what, uint32_t rc) {
@@ -24,7 +30,7 @@ static int check(const char *what, uint32_t rc) {
         failures++;
         return 0;
     }
-    printf("  %-44s ok\n", what);
+    if (!quiet) printf("  %-44s ok\n", what);
     return 1;
 }
 
@@ -56,16 +62,9 @@ static long now_ms(void) {
     return t.tv_sec * 1000L + t.tv_nsec / 1000000L;
 }
 
-int main(int argc, char **argv) {
-    const long wait_ms = (argc > 1 ? atol(argv[1]) : 10) * 1000L;
-    int32_t evt = -1;
-    int32_t fd = L2VFIB_Open(on_notice);
-    if (fd < 0) {
-        fprintf(stderr, "fib_daemon: L2VFIB_Open failed: no forwarding service\n");
-        return 1;
-    }
-    printf("fib_daemon: library open, service socket %d\n", fd);
-
+/* Programs the daemon's whole state through fd: 1 when every call
+ * succeeded. Run at start, and again after the service restarted. */
+static int program(int32_t fd) {
     /* Pseudowires: the attribute block is encoded first, then queued. */
     {
         L2VFIB_LpwSubEntry sub = {.word0 = 100, .word1 = 200, .word2 = 300, .half0 = 1,
@@ -172,12 +171,12 @@ int main(int argc, char **argv) {
             check("L2VFIB_AllocECID", L2VFIB_ERR_FAIL);
             goto out;
         }
-        printf("  %-44s %d\n", "L2VFIB_AllocECID(54) identifier", id);
+        if (!quiet) printf("  %-44s %d\n", "L2VFIB_AllocECID(54) identifier", id);
 
         static L2VFIB_AcData entries[L2VFIB_AC_DATA_MAX];
         L2VFIB_AcDataList list = {.count = 0, .entries = entries};
         CHECK(L2VFIB_GetAcData(fd, &list));
-        for (uint32_t i = 0; i < list.count; i++)
+        for (uint32_t i = 0; i < list.count && !quiet; i++)
             printf("  ac data %u: word0 %u half0 %u byte0 %u half1 %u\n", i, entries[i].word0,
                    entries[i].half0, entries[i].byte0, entries[i].half1);
     }
@@ -189,22 +188,74 @@ int main(int argc, char **argv) {
         CHECK(L2VFIB_CheckVlanRange(0x0001, sizeof range, range));
     }
 
-    /* Events: a channel of our own, one registration. */
-    evt = L2VFIB_InitEvent(5);
+    return 1;
+out:
+    return 0;
+}
+
+/* The event channel and its registration: the channel, or -1. */
+static int32_t open_events(void) {
+    int32_t evt = L2VFIB_InitEvent(5);
     if (evt < 0) {
         check("L2VFIB_InitEvent", L2VFIB_ERR_FAIL);
-        goto out;
+        return -1;
     }
-    {
-        uint32_t selector[3] = {1, 0, 0};
-        CHECK(L2VFIB_RegEvent(evt, 0x0010, selector, 0, on_event, 0));
+    uint32_t selector[3] = {1, 0, 0};
+    if (!check("L2VFIB_RegEvent(evt, 0x0010, selector, 0, on_event, 0)",
+               L2VFIB_RegEvent(evt, 0x0010, selector, 0, on_event, 0))) {
+        L2VFIB_FiniEvent(evt);
+        return -1;
     }
+    return evt;
+}
+
+/* The service restarted: everything it held is gone, and so is the queue.
+ * Close, open again until the service is back (waiting 50 ms, doubled up
+ * to a second, for at most until the deadline), and program it all again. */
+static int recover(int32_t *fd, int32_t *evt, long deadline) {
+    printf("fib_daemon: the service is gone; opening the library again\n");
+    if (*evt >= 0) L2VFIB_FiniEvent(*evt);
+    L2VFIB_Close(*fd);
+    *evt = -1;
+    long pause = 50;
+    int tries = 1;
+    while ((*fd = L2VFIB_Open(on_notice)) < 0) {
+        if (now_ms() + pause > deadline) {
+            fprintf(stderr, "fib_daemon: the service did not come back\n");
+            return 0;
+        }
+        struct timespec wait = {0, pause * 1000000L};
+        nanosleep(&wait, NULL);
+        pause = pause * 2 > 1000 ? 1000 : pause * 2;
+        tries++;
+    }
+    printf("fib_daemon: service back after %d tries; programming it again\n", tries);
+    quiet = 1;
+    const int ok = program(*fd) && (*evt = open_events()) >= 0;
+    quiet = 0;
+    if (!ok) return 0;
+    printf("fib_daemon: recovered\n");
+    fflush(stdout);
+    return 1;
+}
+
+int main(int argc, char **argv) {
+    const long wait_ms = (argc > 1 ? atol(argv[1]) : 10) * 1000L;
+    int32_t evt = -1;
+    int32_t fd = L2VFIB_Open(on_notice);
+    if (fd < 0) {
+        fprintf(stderr, "fib_daemon: L2VFIB_Open failed: no forwarding service\n");
+        return 1;
+    }
+    printf("fib_daemon: library open, service socket %d\n", fd);
+    if (!program(fd) || (evt = open_events()) < 0) goto out;
     printf("fib_daemon: configured; waiting for a notice and an event\n");
     fflush(stdout);
 
     /* The poll loop: the service socket for notices, the event socket for
      * events. A real daemon stays here; this one leaves once it has seen
-     * one of each. */
+     * one of each. A socket whose peer is gone (hung up, or a receive that
+     * fails) means the service restarted. */
     for (long deadline = now_ms() + wait_ms; wait_ms > 0 && (notices == 0 || events == 0);) {
         long left = deadline - now_ms();
         if (left <= 0) {
@@ -214,8 +265,13 @@ int main(int argc, char **argv) {
         }
         struct pollfd fds[2] = {{.fd = fd, .events = POLLIN}, {.fd = evt, .events = POLLIN}};
         if (poll(fds, 2, (int)left) <= 0) continue;
-        if (fds[0].revents & POLLIN) CHECK(L2VFIB_HandleMsg(fd));
-        if (fds[1].revents & POLLIN) CHECK(L2VFIB_HandleEvtMsg(evt));
+        int gone = (fds[0].revents | fds[1].revents) & (POLLHUP | POLLERR);
+        if (!gone && (fds[0].revents & POLLIN)) gone = L2VFIB_HandleMsg(fd) == L2VFIB_ERR_FAIL;
+        if (!gone && (fds[1].revents & POLLIN)) L2VFIB_HandleEvtMsg(evt);
+        if (gone && !recover(&fd, &evt, deadline)) {
+            failures++;
+            break;
+        }
         fflush(stdout);
     }
 

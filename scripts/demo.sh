@@ -35,16 +35,29 @@ echo "\$ fib_daemon 10 &"
 "$daemon" 10 &
 daemon_pid=$!
 
-# Once the daemon has registered for events, send it a notice and an event.
-tries=0
-until [ "$("$emu" show reg --json | grep -c '"key"')" -gt 0 ]; do
-    tries=$((tries + 1))
-    if [ $tries -gt 100 ] || ! kill -0 "$daemon_pid" 2>/dev/null; then
-        echo "demo: the daemon did not register for events" >&2
-        exit 1
-    fi
-    sleep 0.1
-done
+# Waits until the daemon has registered for events.
+registered() {
+    tries=0
+    until [ "$("$emu" count reg | awk '{print $2}')" -gt 0 ]; do
+        tries=$((tries + 1))
+        if [ $tries -gt 100 ] || ! kill -0 "$daemon_pid" 2>/dev/null; then
+            echo "demo: the daemon did not register for events" >&2
+            exit 1
+        fi
+        sleep 0.1
+    done
+}
+registered
+
+step "the service restarts under the daemon, which programs it all again"
+echo "\$ l2vfib-emu count pw; l2vfib-emu fault restart"
+"$emu" count pw
+"$emu" fault restart >/dev/null
+registered
+echo "\$ l2vfib-emu count pw"
+"$emu" count pw
+
+# Once the daemon has registered again, send it a notice and an event.
 echo "\$ l2vfib-emu notice 0x2a"
 "$emu" notice 0x2a
 echo "\$ l2vfib-emu event 3 --tag 7 -w 1 -w 2 -w 3"

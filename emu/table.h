@@ -79,9 +79,12 @@ class MessageTable {
     const std::string &Name() const { return name_; }
     const std::string &About() const { return about_; }
 
+    // A load in ascending key order, the usual bulk load, appends at the
+    // end of the tree without a search.
     void Put(const Key &key, std::span<const uint8_t> message) {
-        std::string &slot = rows_[key];
-        slot.assign(reinterpret_cast<const char *>(message.data()), message.size());
+        auto at = !rows_.empty() && rows_.rbegin()->first < key ? rows_.end() : rows_.lower_bound(key);
+        if (at == rows_.end() || at->first != key) at = rows_.emplace_hint(at, key, std::string());
+        at->second.assign(reinterpret_cast<const char *>(message.data()), message.size());
     }
     bool Erase(const Key &key) { return rows_.erase(key) != 0; }
     const std::string *Find(const Key &key) const {

@@ -122,7 +122,7 @@ def run(argv, timeout, shown=None, **kwargs):
     except subprocess.TimeoutExpired:
         os.killpg(proc.pid, signal.SIGKILL)
         proc.wait()
-        print(f"timed out after {timeout} s", flush=True)
+        print(f"stopped: still running after {timeout} s", flush=True)
         return -1
 
 
@@ -177,7 +177,8 @@ def run_program(args, language, marker, line, body, scratch):
     with Device(args.emu, scratch, start=True) as device:
         status = run([exe], RUN_SECONDS, cwd=scratch, env=device.env)
         if status != 0:
-            raise SystemExit(f"{args.name}: the program exited {status}")
+            raise SystemExit(f"{args.name}: the program " +
+                             ("did not exit in time" if status == -1 else f"exited {status}"))
     return 0
 
 
@@ -202,7 +203,8 @@ def run_shell(args, marker, line, body, scratch):
         status = run(["sh", "-e", "-x", "-c", body], SHELL_SECONDS, "sh -e -x BLOCK",
                      cwd=scratch, env=env)
         if status != 0:
-            raise SystemExit(f"{args.name}: the block exited {status}")
+            raise SystemExit(f"{args.name}: the block " +
+                             ("did not end in time" if status == -1 else f"exited {status}"))
     return 0
 
 

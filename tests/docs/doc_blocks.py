@@ -28,6 +28,7 @@ NAME is the file, relative to SOURCE_DIR, and the line of the opening fence
 
 A fence with no language or another one is an error: its test fails.
 """
+import argparse
 import os
 import re
 import shlex
@@ -170,7 +171,7 @@ def run_program(args, language, marker, line, body, scratch):
         compiler = [args.cxx, "-std=c++20", "-fno-exceptions", "-fno-rtti"]
     argv = compiler + ["-Wall", "-Wextra", "-Werror", "-I", os.path.join(args.source, "include"),
                        *args.flag, src, "-o", exe, *args.lib]
-    if run(argv, 120, cwd=scratch) != 0:
+    if run(argv, 60, cwd=scratch) != 0:
         return 1
     if marker == "fragment":
         return 0
@@ -214,7 +215,6 @@ def main():
             for name, language, *_ in blocks(sys.argv[2], path):
                 print(name, language or "-")
         return 0
-    import argparse
     parser = argparse.ArgumentParser()
     parser.add_argument("command", choices=["run"])
     parser.add_argument("name")

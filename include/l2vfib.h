@@ -15,6 +15,7 @@
 #ifndef L2VFIB_H
 #define L2VFIB_H
 
+#include <stddef.h> /* NULL, for the pointer arguments that may be null */
 #include <stdint.h>
 
 #ifdef __cplusplus

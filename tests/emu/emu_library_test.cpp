@@ -42,7 +42,7 @@ struct Family {
 };
 
 const Family kFamilies[] = {
-    // Row 1 of the control table is the capability query at open.
+    // The capability query at open went before the clear.
     {"ControlCalls",
      [](int32_t) {
          const uint8_t range[4] = {0, 10, 0, 20};
@@ -51,9 +51,9 @@ const Family kFamilies[] = {
          OK(L2VFIB_CheckVlanRange(1, sizeof range, range));
      },
      {"control"},
-     "2  call start             node 0x0001  async false  input 00 00 00 05  result 0\n"
-     "3  call stop              node 0x0002  async true   input 00 00 00 00  result 0\n"
-     "4  call vlan range check  node 0x0001  async false  input 00 0a 00 14  result 0\n"},
+     "1  call start             node 0x0001  async false  input 00 00 00 05  result 0\n"
+     "2  call stop              node 0x0002  async true   input 00 00 00 00  result 0\n"
+     "3  call vlan range check  node 0x0001  async false  input 00 0a 00 14  result 0\n"},
     {"Pseudowires",
      [](int32_t fd) {
          const L2VFIB_LpwSubEntry sub = {1, 2, 3, 4, 5, 6, 7, 8, 9};

@@ -8,6 +8,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <random>
+#include <set>
+
+#include "device.h"
 
 namespace decode = l2vfib::decode;
 
@@ -102,6 +106,41 @@ TEST_F(CapturingEmu, CapturesEachDatagramWithItsDirection) {
                            "00 00 80 00 0a 6e 00 00 00 1d 00 30 00 00 05 08",
                            "01 00 80 00 0a 6e 00 00 00 1d 00 08 00 00 05 08",  // out: the reply
                        }));
+}
+
+}  // namespace
+}  // namespace emut
+
+namespace emut {
+namespace {
+
+// The device files a datagram of pseudowires without the full decoder:
+// over mutated batches, what it keeps is what the decoder's reading of
+// the same bytes makes, message by message.
+TEST(EmuFiler, KeepsWhatTheDecoderAccepts) {
+    const Bytes add = Hex(kPwAdd);
+    const Bytes del = Hex("00 03 00 0c 00 00 07 08 | 00 0a 00 08 00 00 00 07 00 01 00 00");
+    std::mt19937 random(7);
+    for (int round = 0; round < 20000; ++round) {
+        l2vfib::emu::Device device;
+        Bytes datagram;
+        for (int n = 1 + random() % 4; n > 0; --n) {
+            const Bytes &message = random() % 3 == 0 ? del : add;
+            datagram.insert(datagram.end(), message.begin(), message.end());
+        }
+        for (int flips = random() % 3; flips > 0; --flips)
+            datagram[random() % datagram.size()] = static_cast<uint8_t>(random() % 3 == 0 ? 0xFF : random());
+        std::set<std::pair<uint64_t, uint64_t>> keys;
+        for (const decode::Message &m : decode::Decode(datagram, decode::Channel::kToService).messages) {
+            if (m.error || m.kind != decode::Kind::kPw) continue;
+            const auto key = std::pair(m.key.at(0).number, m.key.at(1).number);
+            if (m.opcode == 5) keys.insert(key);
+            if (m.opcode == 7) keys.erase(key);
+        }
+        device.Forwarding("@1", false, datagram);
+        const Json rows = device.Steer(Json{{"cmd", "show"}, {"table", "pw"}}, nullptr, nullptr)["rows"];
+        ASSERT_EQ(rows.size(), keys.size()) << decode::ToHex(datagram);
+    }
 }
 
 }  // namespace

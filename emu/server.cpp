@@ -452,8 +452,8 @@ class Server {
         }
     }
 
-    // Answers every waiting request: the forwarding service has been read
-    // to its end (or is not read at all, while busy).
+    // Answers every waiting request: the services have been read to their
+    // end (or the forwarding service is not read at all, while busy).
     void AnswerWaiting() {
         for (auto &[fd, c] : connections_) {
             for (const std::string &line : c.waiting) c.out += Answer(c, line);

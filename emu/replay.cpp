@@ -238,10 +238,10 @@ std::optional<Json> FreshTables(const std::vector<Captured> &capture, std::strin
         _exit(127);
     }
     std::optional<Json> tables;
+    bool up = false;
     {
         DeviceDirScope scope(dir);
         std::string ignored;
-        bool up = false;
         for (int i = 0; i < 200 && child > 0 && !up; ++i) {
             up = Steer(Json{{"cmd", "status"}}, &ignored).has_value();
             int status = 0;
@@ -263,7 +263,7 @@ std::optional<Json> FreshTables(const std::vector<Captured> &capture, std::strin
         waitpid(child, nullptr, 0);
     }
     // A device that did not start leaves its log for the message above.
-    if (error->find("did not start") == std::string::npos) std::filesystem::remove_all(dir, ec);
+    if (up) std::filesystem::remove_all(dir, ec);
     return tables;
 }
 

@@ -18,6 +18,7 @@
 #include <fstream>
 #include <algorithm>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "capture.h"
@@ -390,11 +391,11 @@ class Server {
     // that has none loses it, and is told how many it lost before the next
     // record that fits.
     void Trace(bool fromDevice, Service service, const Peer &peer, std::span<const uint8_t> datagram) {
-        if (tracers_ == 0) return;
+        if (tracers_.empty()) return;
         int64_t timeUs = 0;
         const size_t size = TraceRecordSize(peer, datagram.size());
-        for (auto &[fd, c] : connections_) {
-            if (!c.tracing) continue;
+        for (int fd : tracers_) {
+            Connection &c = connections_[fd];
             const size_t marker = c.traceDropped != 0 ? kDroppedRecordSize : 0;
             if (c.out.size() + marker + size > c.traceBound) {
                 ++c.traceDropped;
@@ -412,7 +413,7 @@ class Server {
     }
 
     void CloseSteering(int fd, Connection &c) {
-        if (c.tracing) --tracers_;
+        if (c.tracing) tracers_.erase(fd);
         close(fd);
         connections_.erase(fd);
     }
@@ -448,7 +449,7 @@ class Server {
                 c.waiting.push_back(line);
                 continue;
             }
-            c.out += Answer(c, line);
+            c.out += Answer(fd, c, line);
         }
     }
 
@@ -456,14 +457,14 @@ class Server {
     // end (or the forwarding service is not read at all, while busy).
     void AnswerWaiting() {
         for (auto &[fd, c] : connections_) {
-            for (const std::string &line : c.waiting) c.out += Answer(c, line);
+            for (const std::string &line : c.waiting) c.out += Answer(fd, c, line);
             c.waiting.clear();
         }
     }
 
     // One steering request's answer line. A show that streams starts its
-    // stream on c instead.
-    std::string Answer(Connection &c, const std::string &line) {
+    // stream on c instead; a trace request makes c (on fd) a subscriber.
+    std::string Answer(int fd, Connection &c, const std::string &line) {
         Json response;
         std::vector<Outgoing> toClients, toChannels;
         try {
@@ -480,8 +481,8 @@ class Server {
                 // From here on the connection carries trace records.
                 const uint64_t bound = request.value("buffer", uint64_t{0});
                 c.traceBound = bound == 0 ? kTraceBound : std::clamp<size_t>(bound, 1024, kTraceBoundMax);
-                if (!c.tracing) ++tracers_;
                 c.tracing = true;
+                tracers_.insert(fd);
                 response = Json{{"ok", true}, {"trace", true}, {"buffer", c.traceBound}};
             } else {
                 response = device_.Steer(request, &toClients, &toChannels);
@@ -507,7 +508,7 @@ class Server {
     std::map<int, Connection> connections_;
     std::map<Peer, int> peers_;
     uint64_t connectionCount_ = 0;
-    size_t tracers_ = 0;
+    std::set<int> tracers_;  // the trace subscribers' connections
     int64_t nextForwardUs_ = 0;
     std::vector<uint8_t> buffer_ = std::vector<uint8_t>(kMaxDatagram);
     std::vector<std::string> files_;

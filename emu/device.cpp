@@ -94,6 +94,27 @@ Key MessageKey(const Message &message) {
     return {};
 }
 
+// The key a table files a message under. A member set's is its key item,
+// a designated forwarder's the words of item 153, a catalogue object's its
+// object type before its key item ("2:100"). (An MPLS EBG key ends in an
+// all-ones fill that the decoder names nothing, so it is not in the key.)
+Key FiledKey(const Message &message) {
+    const uint16_t keyItem = message.kind == Kind::kEbgMember       ? 154
+                             : message.kind == Kind::kMplsEbgMember ? 202
+                             : message.kind == Kind::kEbgDf         ? 153
+                                                                    : 0;
+    if (keyItem != 0) {
+        const Item *item = message.FindItem(keyItem);
+        return item ? KeyOf(item->fields) : MessageKey(message);
+    }
+    Key key = MessageKey(message);
+    if (message.kind == Kind::kCatalogue) {
+        key.numbers.insert(key.numbers.begin(), message.objType);
+        key.text = fmt::format("{}:{}", message.objType, key.text.empty() ? "-" : key.text);
+    }
+    return key;
+}
+
 uint16_t KeyItemOf(Kind kind) {
     switch (kind) {
         case Kind::kPw: return 10;
@@ -136,20 +157,58 @@ std::optional<Row> EntryRow(std::span<const uint8_t> bytes) {
     return row;
 }
 
+// The tables by the kinds of message they keep.
+std::string_view TableName(Kind kind) {
+    switch (kind) {
+        case Kind::kCatalogue: return "cfg";
+        case Kind::kPw: return "pw";
+        case Kind::kMinM: return "minm";
+        case Kind::kAc: return "ac";
+        case Kind::kAcFlag: return "ac-flag";
+        case Kind::kMacWithdraw:
+        case Kind::kMacReset: return "mac";
+        case Kind::kGrEvent: return "gr";
+        case Kind::kOverlayTunnel: return "tunnel";
+        case Kind::kTunnelIfDel: return "tunnel-if";
+        case Kind::kEbgMember: return "ebg";
+        case Kind::kMplsEbgMember: return "mpls-ebg";
+        case Kind::kEbgDf: return "ebg-df";
+        case Kind::kEventChannel: return "channel";
+        case Kind::kEventReg: return "reg";
+        case Kind::kControl: return "control";
+        default: return "";
+    }
+}
+
 int64_t WallMs() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
-std::string Clock(int64_t ms) {
-    const time_t seconds = static_cast<time_t>(ms / 1000);
+}  // namespace
+
+std::string ClockText(int64_t wallMs) {
+    const time_t seconds = static_cast<time_t>(wallMs / 1000);
     tm local{};
     localtime_r(&seconds, &local);
-    return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec, ms % 1000);
+    return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec, wallMs % 1000);
 }
 
-}  // namespace
+std::string PeerLine(const Peer &peer, bool fromDevice, const std::string &text) {
+    return fmt::format("{} {} {}", PeerText(peer), fromDevice ? '<' : '>', text);
+}
+
+std::string MessageLine(const Peer &peer, bool fromDevice, const Message &message) {
+    return PeerLine(peer, fromDevice, decode::Render(message));
+}
+
+std::string TableOf(const Message &message) { return std::string(TableName(message.kind)); }
+
+std::string TableKeyOf(const Peer &peer, const Message &message) {
+    if (message.kind == Kind::kEventChannel || message.kind == Kind::kEventReg) return PeerText(peer);
+    return FiledKey(message).text;
+}
 
 Device::Device(std::function<void(const std::string &)> log)
     : log_(std::move(log)),
@@ -191,7 +250,7 @@ void Device::Keep(LogRecord::What what, const Peer &peer, std::span<const uint8_
     const auto channel = what == LogRecord::What::kToService ? decode::Channel::kToService
                                                              : decode::Channel::kToEvent;
     for (const Message &message : decode::Decode(datagram, channel).messages)
-        if (!message.error) log_(fmt::format("{} > {}", PeerText(peer), decode::Render(message)));
+        if (!message.error) log_(MessageLine(peer, false, message));
 }
 
 std::vector<std::string> Device::LogLines() const {
@@ -199,7 +258,7 @@ std::vector<std::string> Device::LogLines() const {
     for (size_t n = 0; n < ring_.size(); ++n) {
         const LogRecord &record = ring_[(ringNext_ + n) % ring_.size()];
         if (record.seq == 0) continue;
-        const std::string when = Clock(record.timeMs);
+        const std::string when = ClockText(record.timeMs);
         if (record.what == LogRecord::What::kText) {
             lines.push_back(fmt::format("{} {}", when, record.text));
             continue;
@@ -208,7 +267,7 @@ std::vector<std::string> Device::LogLines() const {
                                                                         : decode::Channel::kToEvent;
         for (const Message &message : decode::Decode(record.bytes, channel).messages)
             if (!message.error)
-                lines.push_back(fmt::format("{} {} > {}", when, PeerText(record.peer), decode::Render(message)));
+                lines.push_back(fmt::format("{} {}", when, MessageLine(record.peer, false, message)));
     }
     return lines;
 }
@@ -421,11 +480,8 @@ void Device::ApplyEntry(MessageTable &table, const Message &message, std::span<c
     table.Put(TableKey(key), datagram.subspan(message.offset, message.size));
 }
 
-void Device::ApplyMembers(Table &table, const Message &message, uint16_t keyItem,
-                          uint16_t memberItem) {
-    const Item *keyValue = message.FindItem(keyItem);
-    Key key = keyValue ? KeyOf(keyValue->fields) : MessageKey(message);
-    // MPLS EBG keys end in an all-ones fill that names nothing.
+void Device::ApplyMembers(Table &table, const Message &message, uint16_t memberItem) {
+    const Key key = FiledKey(message);
     std::vector<std::string> members;
     for (const Item &item : message.items) {
         if (item.type != memberItem) continue;
@@ -530,11 +586,10 @@ void Device::Apply(const Message &message, std::span<const uint8_t> datagram) {
                                           {"byte7", message.byte7}}});
             return;
         }
-        case Kind::kEbgMember: ApplyMembers(ebg_, message, 154, 156); return;
-        case Kind::kMplsEbgMember: ApplyMembers(mplsEbg_, message, 202, 204); return;
+        case Kind::kEbgMember: ApplyMembers(ebg_, message, 156); return;
+        case Kind::kMplsEbgMember: ApplyMembers(mplsEbg_, message, 204); return;
         case Kind::kEbgDf: {
-            const Item *words = message.FindItem(153);
-            Key key = words ? KeyOf(words->fields) : MessageKey(message);
+            const Key key = FiledKey(message);
             if (message.opcode == kDelete) {
                 if (!ebgDf_.Erase(key.numbers)) Log(fmt::format("ebg-df {}: delete of an unknown entry", key.text));
                 return;
@@ -548,9 +603,8 @@ void Device::Apply(const Message &message, std::span<const uint8_t> datagram) {
             return;
         }
         case Kind::kCatalogue: {
-            Key key = MessageKey(message);
-            key.numbers.insert(key.numbers.begin(), message.objType);
-            const std::string text = fmt::format("{}:{}", message.objType, key.text.empty() ? "-" : key.text);
+            const Key key = FiledKey(message);
+            const std::string &text = key.text;
             if (message.opcode == kDelete) {
                 if (!cfg_.Erase(key.numbers)) Log(fmt::format("cfg {}: delete of an unknown object", text));
                 return;

@@ -160,8 +160,7 @@ class Device {
     void ApplyEntry(MessageTable &table, const decode::Message &message,
                     std::span<const uint8_t> datagram, const std::vector<uint64_t> &key,
                     const std::string &keyText);
-    void ApplyMembers(Table &table, const decode::Message &message, uint16_t keyItem,
-                      uint16_t memberItem);
+    void ApplyMembers(Table &table, const decode::Message &message, uint16_t memberItem);
     std::optional<Outgoing> Answer(const Peer &from, const decode::Message &message, bool fresh);
     Bytes AcDataAnswer() const;
     Json ShowTable(const std::string &name);
@@ -213,6 +212,23 @@ class Device {
 
 // A peer as printed.
 inline const std::string &PeerText(const Peer &peer) { return peer; }
+
+// One message as the log and the trace show it, after the time: the peer,
+// '>' for what the device received and '<' for what it sent, the decoded
+// line ("@12 > pw add id 7 subId 1 byte7 8 | 13 ...").
+std::string MessageLine(const Peer &peer, bool fromDevice, const decode::Message &message);
+// The same for a line that is not a message (a fault, a control call's head).
+std::string PeerLine(const Peer &peer, bool fromDevice, const std::string &text);
+// The wall clock (milliseconds) as the log shows it: "11:32:30.633".
+std::string ClockText(int64_t wallMs);
+
+// Where the device files a message: its table ("pw", "cfg", "ebg", "reg";
+// empty for what no table keeps: replies, notices, events, the AC query),
+// and its key as that table's key column prints it ("7/1", "2:100", "42";
+// an event channel's or registration's is the connection, peer). Empty for
+// a message without a key.
+std::string TableOf(const decode::Message &message);
+std::string TableKeyOf(const Peer &peer, const decode::Message &message);
 
 // The catalogue codes whose request is answered when sent alone.
 bool IsAnsweredCode(uint32_t code);

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "server.h"
+#include "trace.h"
 
 using l2vfib::emu::Json;
 
@@ -219,6 +220,26 @@ int main(int argc, char **argv) {
 
     app.add_subcommand("clear", "empty every table and the counters")->callback([&] {
         status = Ask(Json{{"cmd", "clear"}});
+    });
+
+    l2vfib::emu::TraceOptions trace;
+    auto *traceCmd = app.add_subcommand("trace", "follow the running device: every message in and out, as it happens");
+    traceCmd->add_flag("--json,-j", trace.json, "JSON lines instead of the log's lines");
+    traceCmd->add_option("--table", trace.table, "only the messages filed in this table (pw, cfg, ...) or of this kind (reply, notice, event)");
+    traceCmd->add_option("--key", trace.key, "only the messages of this key, as the table's key column shows it (7/1)");
+    traceCmd->add_option("--buffer", trace.buffer, "bytes the device holds for this trace before it drops (default 4 MiB)");
+    traceCmd->callback([&] { status = l2vfib::emu::RunTrace(trace); });
+
+    l2vfib::emu::ReplayOptions replay;
+    bool fastest = false;
+    auto *replayCmd = app.add_subcommand("replay", "send a capture's datagrams to the running device, then compare its tables with the capture's");
+    replayCmd->add_option("capture", replay.capture, "a capture of `start --capture`")->required()->check(CLI::ExistingFile);
+    auto *speedOption = replayCmd->add_option("--speed", replay.speed, "the capture's pace times this (default 1)")
+                            ->check(CLI::PositiveNumber);
+    replayCmd->add_flag("--as-fast-as-possible", fastest, "ignore the capture's timing")->excludes(speedOption);
+    replayCmd->callback([&] {
+        if (fastest) replay.speed = 0;
+        status = l2vfib::emu::RunReplay(replay);
     });
 
     try {

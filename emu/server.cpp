@@ -18,11 +18,13 @@
 #include <fstream>
 #include <algorithm>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "capture.h"
 #include "device.h"
 #include "host_addr.h"
+#include "trace.h"
 
 namespace l2vfib::emu {
 
@@ -129,6 +131,10 @@ constexpr size_t kOutputHigh = 256 * 1024;
 // A steering request line may not grow past this.
 constexpr size_t kMaxRequest = 64 * 1024;
 constexpr size_t kStreamBlock = 512;
+// A trace subscriber's unsent records above which new ones are dropped
+// (and counted), unless it asked for another bound.
+constexpr size_t kTraceBound = 4 * 1024 * 1024;
+constexpr size_t kTraceBoundMax = 256 * 1024 * 1024;
 
 enum Service { kForwarding = 0, kEvent = 1, kControl = 2, kSteering = 3 };
 
@@ -143,9 +149,14 @@ struct Connection {
     bool json = false;
     MessageTable::Key from{};
     bool closeWhenSent = false;
-    // Requests that asked to be answered only once every forwarding
+    // Requests that asked to be answered only once every service
     // connection has been read to its end ("sync": true).
     std::vector<std::string> waiting;
+    // A trace subscriber: every datagram in and out is copied to out as a
+    // record while out stays under traceBound; the others are counted.
+    bool tracing = false;
+    size_t traceBound = 0;
+    uint64_t traceDropped = 0;
 };
 
 // The running device: its sockets and the one loop over them. Nothing in
@@ -196,7 +207,9 @@ class Server {
             fds.push_back({event_, POLLIN, 0});
             fds.push_back({control_, POLLIN, 0});
             fds.push_back({steering_, POLLIN, 0});
+            bool waiting = false;
             for (auto &[fd, c] : connections_) {
+                waiting = waiting || !c.waiting.empty();
                 short events = 0;
                 if (c.service != kForwarding || readForwarding) events |= POLLIN;
                 if (c.service == kSteering) {
@@ -210,10 +223,13 @@ class Server {
                 timeout = static_cast<int>(std::clamp<int64_t>(faults.busyUntilMs - now / 1000, 0, 500));
             if (!readForwarding && !faults.busy)
                 timeout = static_cast<int>(std::clamp<int64_t>((nextForwardUs_ - now + 999) / 1000, 0, 500));
+            // A request waiting for the services to be read to their end
+            // is answered as soon as a look finds nothing more to read.
+            if (waiting) timeout = 0;
             const int ready = poll(fds.data(), fds.size(), timeout);
-            bool drained = true;
+            bool drained = ready <= 0 || !(fds[2].revents & POLLIN);
             for (size_t i = 4; i < fds.size() && ready > 0; ++i)
-                if ((fds[i].revents & POLLIN) && connections_[fds[i].fd].service == kForwarding) drained = false;
+                if ((fds[i].revents & POLLIN) && connections_[fds[i].fd].service != kSteering) drained = false;
             if (drained || faults.busy) AnswerWaiting();
             if (ready <= 0) continue;
             if (fds[0].revents & POLLIN) Accept(forwarding_, kForwarding);
@@ -327,6 +343,7 @@ class Server {
             }
             const std::span<const uint8_t> datagram(buffer_.data(), static_cast<size_t>(got));
             capture_.Record(false, c.service, datagram);
+            Trace(false, c.service, c.peer, datagram);
             const bool fresh = c.fresh;
             c.fresh = false;
             if (c.service == kForwarding) {
@@ -347,9 +364,11 @@ class Server {
         if (n < 0) return;
         const std::span<const uint8_t> request(buffer_.data(), static_cast<size_t>(n));
         capture_.Record(false, kControl, request);
+        Trace(false, kControl, "control", request);
         const auto answer = device_.Control(request);
         if (!answer) return;
         capture_.Record(true, kControl, *answer);
+        Trace(true, kControl, "control", *answer);
         sendto(control_, answer->data(), answer->size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr *>(&from), fromLength);
     }
@@ -361,10 +380,42 @@ class Server {
             const auto peer = peers_.find(o.to);
             if (peer == peers_.end()) continue;
             capture_.Record(true, service, o.bytes);
+            Trace(true, service, o.to, o.bytes);
             if (send(peer->second, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) continue;
             std::fprintf(stderr, "%s send to %s: %s, dropped\n", Now().c_str(), PeerText(o.to).c_str(),
                          std::strerror(errno));
         }
+    }
+
+    // Copies a datagram to every trace subscriber that has room for it; one
+    // that has none loses it, and is told how many it lost before the next
+    // record that fits.
+    void Trace(bool fromDevice, Service service, const Peer &peer, std::span<const uint8_t> datagram) {
+        if (tracers_.empty()) return;
+        int64_t timeUs = 0;
+        const size_t size = TraceRecordSize(peer, datagram.size());
+        for (int fd : tracers_) {
+            Connection &c = connections_[fd];
+            const size_t marker = c.traceDropped != 0 ? kDroppedRecordSize : 0;
+            if (c.out.size() + marker + size > c.traceBound) {
+                ++c.traceDropped;
+                continue;
+            }
+            if (timeUs == 0) {
+                timespec now{};
+                clock_gettime(CLOCK_REALTIME, &now);
+                timeUs = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+            }
+            if (c.traceDropped != 0) AppendDroppedRecord(c.out, c.traceDropped, timeUs);
+            c.traceDropped = 0;
+            AppendTraceRecord(c.out, fromDevice, service, peer, timeUs, datagram);
+        }
+    }
+
+    void CloseSteering(int fd, Connection &c) {
+        if (c.tracing) tracers_.erase(fd);
+        close(fd);
+        connections_.erase(fd);
     }
 
     // Reads what a steering client sent and answers each whole line.
@@ -373,13 +424,11 @@ class Server {
             const ssize_t n = send(fd, c.out.data(), c.out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
             if (n > 0) c.out.erase(0, static_cast<size_t>(n));
             if (n < 0 && errno != EAGAIN && errno != EINTR) {
-                close(fd);
-                connections_.erase(fd);
+                CloseSteering(fd, c);
                 return;
             }
             if (c.out.empty() && c.closeWhenSent && !c.streaming) {
-                close(fd);
-                connections_.erase(fd);
+                CloseSteering(fd, c);
                 return;
             }
         }
@@ -388,34 +437,34 @@ class Server {
         const ssize_t n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
         if (n <= 0 || c.in.size() + static_cast<size_t>(n) > kMaxRequest) {
             if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
-            close(fd);
-            connections_.erase(fd);
+            CloseSteering(fd, c);
             return;
         }
+        if (c.tracing) return;  // a subscriber says nothing more
         c.in.append(chunk, static_cast<size_t>(n));
-        for (size_t end; !c.streaming && (end = c.in.find('\n')) != std::string::npos;) {
+        for (size_t end; !c.streaming && !c.tracing && (end = c.in.find('\n')) != std::string::npos;) {
             const std::string line = c.in.substr(0, end);
             c.in.erase(0, end + 1);
             if (!c.waiting.empty() || line.find("\"sync\":true") != std::string::npos) {
                 c.waiting.push_back(line);
                 continue;
             }
-            c.out += Answer(c, line);
+            c.out += Answer(fd, c, line);
         }
     }
 
-    // Answers every waiting request: the forwarding service has been read
-    // to its end (or is not read at all, while busy).
+    // Answers every waiting request: the services have been read to their
+    // end (or the forwarding service is not read at all, while busy).
     void AnswerWaiting() {
         for (auto &[fd, c] : connections_) {
-            for (const std::string &line : c.waiting) c.out += Answer(c, line);
+            for (const std::string &line : c.waiting) c.out += Answer(fd, c, line);
             c.waiting.clear();
         }
     }
 
     // One steering request's answer line. A show that streams starts its
-    // stream on c instead.
-    std::string Answer(Connection &c, const std::string &line) {
+    // stream on c instead; a trace request makes c (on fd) a subscriber.
+    std::string Answer(int fd, Connection &c, const std::string &line) {
         Json response;
         std::vector<Outgoing> toClients, toChannels;
         try {
@@ -428,6 +477,13 @@ class Server {
                 c.json = request.value("json", false);
                 c.from = {};
                 response = Json{{"ok", true}, {"stream", true}, {"table", c.table}};
+            } else if (request.value("cmd", "") == "trace") {
+                // From here on the connection carries trace records.
+                const uint64_t bound = request.value("buffer", uint64_t{0});
+                c.traceBound = bound == 0 ? kTraceBound : std::clamp<size_t>(bound, 1024, kTraceBoundMax);
+                c.tracing = true;
+                tracers_.insert(fd);
+                response = Json{{"ok", true}, {"trace", true}, {"buffer", c.traceBound}};
             } else {
                 response = device_.Steer(request, &toClients, &toChannels);
             }
@@ -452,6 +508,7 @@ class Server {
     std::map<int, Connection> connections_;
     std::map<Peer, int> peers_;
     uint64_t connectionCount_ = 0;
+    std::set<int> tracers_;  // the trace subscribers' connections
     int64_t nextForwardUs_ = 0;
     std::vector<uint8_t> buffer_ = std::vector<uint8_t>(kMaxDatagram);
     std::vector<std::string> files_;
@@ -533,6 +590,17 @@ std::optional<Json> Steer(const Json &request, std::string *error) {
     auto response = Ask(request, error, nullptr, &fd, nullptr);
     if (fd >= 0) close(fd);
     return response;
+}
+
+int SteerConnection(const Json &request, std::string *error, Json *response, std::string *rest) {
+    int fd = -1;
+    auto answer = Ask(request, error, nullptr, &fd, rest);
+    if (!answer) {
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    *response = std::move(*answer);
+    return fd;
 }
 
 std::optional<Json> SteerStreamed(const Json &request, std::string *error, std::FILE *out) {

@@ -36,6 +36,12 @@ std::string DeviceDirectory();
 // response; nothing, with *error set, when no device answers.
 std::optional<Json> Steer(const Json &request, std::string *error);
 
+// Sends one steering request and keeps the connection: returns its
+// descriptor (the caller closes it), with the answer line in *response and
+// whatever followed it in *rest; -1, with *error set, when no device
+// answers.
+int SteerConnection(const Json &request, std::string *error, Json *response, std::string *rest);
+
 // The same for a show that may stream: a streamed table's rows are copied
 // to out as they come (JSON rows as one array when the request asks for
 // json); otherwise the response is returned as by Steer.

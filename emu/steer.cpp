@@ -18,9 +18,12 @@
 //   {"cmd": "ident", "next": N}             the next identifier to allocate
 //   {"cmd": "clear"}                        empty every table and the counters
 //   {"cmd": "status"} / {"cmd": "stop"}
-// Any request with "sync": true is answered only once the forwarding
-// service has been read to its end, so that what was sent before it has
-// been applied.
+//   {"cmd": "trace", "buffer": BYTES}      the connection becomes a trace
+//                                           subscriber (emu/trace.h; the server
+//                                           serves it)
+// Any request with "sync": true is answered only once the services (every
+// forwarding and event connection, the control endpoint) have been read to
+// their end, so that what was sent before it has been applied.
 #include <fmt/format.h>
 
 #include <ctime>

@@ -27,8 +27,9 @@ cleanup() {
 trap cleanup EXIT INT TERM
 
 step "starting the emulated device in $L2VFIB_DEVICE_DIR"
-echo "\$ l2vfib-emu start"
-"$emu" start
+capture="$build/demo.pcap"
+echo "\$ l2vfib-emu start --capture $capture"
+"$emu" start --capture "$capture"
 
 step "running the example daemon (examples/fib_daemon.c)"
 echo "\$ fib_daemon 10 &"
@@ -83,3 +84,6 @@ echo
 echo "demo: done. Try it yourself:"
 echo "  export L2VFIB_DEVICE_DIR=/tmp/my-device"
 echo "  $emu start && $daemon 0 && $emu show pw && $emu stop"
+echo "The demo's capture, every datagram in and out, in tshark; replayed into a device:"
+echo "  tshark -X lua_script:tools/wireshark/l2vfib.lua -r $capture"
+echo "  $emu start && $emu replay $capture && $emu stop"

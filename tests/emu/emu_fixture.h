@@ -21,6 +21,20 @@ using l2vfib::emu::Json;
 
 Bytes Hex(const std::string &text);
 
+// Hand-written datagrams the device's tests send: a pseudowire add, an EBG
+// member add, catalogue command 20, an identifier allocation.
+inline constexpr const char *kPwAdd =
+    "00 03 00 34 00 00 05 08 | 00 0a 00 08 00 00 00 07 00 01 00 00 | 00 0d 00 24"
+    " 01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 2a 00 00 05 dc 00 0a 00 14 00 1e 01 00"
+    " ff ff ff ff ff ff ff ff";
+inline constexpr const char *kEbgAdd =
+    "00 20 00 18 00 00 05 08 | 00 9a 00 04 00 00 00 2a | 00 9c 00 04 00 00 00 01"
+    " | 00 9c 00 04 00 00 00 02";
+inline constexpr const char *kCfg20 = "00 02 00 08 00 00 01 08 | 00 64 00 04 00 00 00 64";
+inline constexpr const char *kAlloc =
+    "00 1d 00 30 00 00 05 08 | 00 b8 00 2c 00 00 00 01 00 00 00 02 00 00 00 03"
+    " ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff";
+
 class EmuTest : public ::testing::Test {
   protected:
     void SetUp() override;

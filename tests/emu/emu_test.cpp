@@ -18,17 +18,6 @@ namespace decode = l2vfib::decode;
 namespace emut {
 namespace {
 
-const char *kPwAdd =
-    "00 03 00 34 00 00 05 08 | 00 0a 00 08 00 00 00 07 00 01 00 00 | 00 0d 00 24"
-    " 01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 2a 00 00 05 dc 00 0a 00 14 00 1e 01 00"
-    " ff ff ff ff ff ff ff ff";
-const char *kEbgAdd =
-    "00 20 00 18 00 00 05 08 | 00 9a 00 04 00 00 00 2a | 00 9c 00 04 00 00 00 01"
-    " | 00 9c 00 04 00 00 00 02";
-const char *kCfg20 = "00 02 00 08 00 00 01 08 | 00 64 00 04 00 00 00 64";
-const char *kAlloc =
-    "00 1d 00 30 00 00 05 08 | 00 b8 00 2c 00 00 00 01 00 00 00 02 00 00 00 03"
-    " ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff";
 
 // A request comes alone from a fresh socket; a bad one is answered with a
 // failure.

@@ -104,11 +104,7 @@ TEST_F(EmuTest, OutlastsAFloodOfBadInput) {
                                                        ? 1000 * std::atol(std::getenv("L2VFIB_SOAK_SECONDS"))
                                                        : 1000);
     const Bytes seeds[] = {
-        Hex("00 03 00 34 00 00 05 08 | 00 0a 00 08 00 00 00 07 00 01 00 00 | 00 0d 00 24"
-            " 01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 2a 00 00 05 dc 00 0a 00 14 00 1e 01 00"
-            " ff ff ff ff ff ff ff ff"),
-        Hex("00 20 00 18 00 00 05 08 | 00 9a 00 04 00 00 00 2a | 00 9c 00 04 00 00 00 01 | 00 9c 00 04 00 00 00 02"),
-        Hex("00 02 00 08 00 00 01 08 | 00 64 00 04 00 00 00 64"),
+        Hex(kPwAdd), Hex(kEbgAdd), Hex(kCfg20),
         Hex("00 14 00 08 00 00 05 00 | 00 00 00 04 00 00 00 05"),
     };
     auto flood = [&](unsigned seed, int type, const char *path) {

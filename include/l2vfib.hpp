@@ -28,7 +28,9 @@
  * a larger one is refused at compile time: capture a pointer to it instead.
  * The C callback handed to the library is made for the callable's type, so
  * a notice or event reaches the callable with no more indirection than a C
- * callback has.
+ * callback has. The notice slot is the session's: a second Session::open
+ * fails without touching it. The event slot is the last registration's, and
+ * is emptied when its channel closes.
  */
 #ifndef L2VFIB_HPP
 #define L2VFIB_HPP
@@ -181,18 +183,19 @@ inline constinit Slot notice_slot{};
 inline constinit Slot event_slot{};
 
 // The C notice callback for a callable of type D: the value, then nothing.
+// The library holds it only while the slot holds a D (a session's life).
 template <typename D>
 uint32_t notice_thunk(uint32_t kind, uint32_t *value) {
-    if (!notice_slot.empty()) notice_slot.get<D>()(kind, *value);
+    notice_slot.get<D>()(kind, *value);
     return 0;
 }
 
-// The C event callback for a callable of type D. What the callable returns
-// becomes L2VFIB_HandleEvtMsg's result: nothing is L2VFIB_OK, an error_code
-// its value, a number itself.
+// The C event callback for a callable of type D, installed only while the
+// slot holds a D (from registration to the channel's close). What the
+// callable returns becomes L2VFIB_HandleEvtMsg's result: nothing is
+// L2VFIB_OK, an error_code its value, a number itself.
 template <typename D>
 uint32_t event_thunk(uint32_t tag, const void *record) {
-    if (event_slot.empty()) return L2VFIB_OK;
     D &f = event_slot.get<D>();
     using R = std::invoke_result_t<D &, uint32_t, const void *>;
     if constexpr (std::is_void_v<R>) {
@@ -277,13 +280,18 @@ class BasicSession {
   public:
     // Opens the library; on_notice is called as on_notice(kind, value) for
     // each notice L2VFIB_HandleMsg reads. errc::fail when the library is
-    // open already (that session is left as it was) or there is no service.
+    // open already (that session, its callback included, is left as it was)
+    // or there is no service.
     template <typename F>
     [[nodiscard]] static result<BasicSession> open(F &&on_notice) noexcept {
         using D = std::decay_t<F>;
-        const int32_t fd = L2VFIB_Open(&detail::notice_thunk<D>);
-        if (fd < 0) return errc::fail;
+        if (!detail::notice_slot.empty()) return errc::fail;  // another session's
         detail::notice_slot.set(std::forward<F>(on_notice));
+        const int32_t fd = L2VFIB_Open(&detail::notice_thunk<D>);
+        if (fd < 0) {
+            detail::notice_slot.reset();
+            return errc::fail;
+        }
         return BasicSession(fd);
     }
     // Opens the library without a notice callback.
@@ -549,11 +557,16 @@ class EventChannel {
     ~EventChannel() { (void)close(); }
 
     // Sends the channel's close and closes the socket; the event callback
-    // is dropped. errc::fail when close failed.
+    // is taken out of the library and dropped. errc::fail when close failed.
     std::error_code close() noexcept {
         if (fd_ < 0) return {};
         const int32_t rc = L2VFIB_FiniEvent(std::exchange(fd_, -1));
-        detail::event_slot.reset();
+        if (!detail::event_slot.empty()) {
+            // A registration with no callback removes it; its message, on
+            // socket -1, goes nowhere.
+            (void)L2VFIB_RegEvent(-1, 0, nullptr, 0, nullptr, 0);
+            detail::event_slot.reset();
+        }
         return rc == 0 ? std::error_code{} : make_error_code(errc::fail);
     }
 

@@ -161,8 +161,8 @@ TEST_F(Face, RetryingSessionFlushesAndCallsOnceMore) {
 }
 
 // The event callable gets each item and its result becomes handle()'s; the
-// channel closes once, lets go of the callable, and a failed open leaves
-// nothing.
+// channel closes once and takes its callable out of the library; a failed
+// open leaves nothing.
 TEST_F(Face, EventChannelDispatchesToItsCallable) {
     int alive = 0;
     uint32_t words = 0;
@@ -182,6 +182,11 @@ TEST_F(Face, EventChannelDispatchesToItsCallable) {
     }
     EXPECT_EQ(P().closes.size(), 1u);
     EXPECT_EQ(alive, 0);
+    // The library holds no callback of the closed channel's.
+    const int32_t evt = L2VFIB_InitEvent(5);
+    P().recvResults = {RecvResult::Datagram(Hex(kEvent))};
+    EXPECT_EQ(L2VFIB_HandleEvtMsg(evt), L2VFIB_OK);
+    L2VFIB_FiniEvent(evt);
     P().socketFailures = 1;
     EXPECT_EQ(l2vfib::EventChannel::open(5).error(), l2vfib::errc::fail);
 }

@@ -21,8 +21,12 @@
 extern "C" {
 #endif
 
+/* No function throws (the library is built without exceptions): C++
+ * callers need no unwinding around a call, and can end in one. */
 #if defined(L2VFIB_BUILDING) && defined(__GNUC__)
-#define L2VFIB_API __attribute__((visibility("default")))
+#define L2VFIB_API __attribute__((visibility("default"), nothrow))
+#elif defined(__GNUC__)
+#define L2VFIB_API __attribute__((nothrow))
 #else
 #define L2VFIB_API
 #endif

@@ -30,7 +30,9 @@
  * a notice or event reaches the callable with no more indirection than a C
  * callback has. The notice slot is the session's: a second Session::open
  * fails without touching it. The event slot is the last registration's, and
- * is emptied when its channel closes.
+ * is emptied when its channel closes. A callback must not throw: the
+ * library's C frames lie between it and the caller (one that does ends the
+ * process).
  */
 #ifndef L2VFIB_HPP
 #define L2VFIB_HPP
@@ -185,7 +187,7 @@ inline constinit Slot event_slot{};
 // The C notice callback for a callable of type D: the value, then nothing.
 // The library holds it only while the slot holds a D (a session's life).
 template <typename D>
-uint32_t notice_thunk(uint32_t kind, uint32_t *value) {
+uint32_t notice_thunk(uint32_t kind, uint32_t *value) noexcept {
     notice_slot.get<D>()(kind, *value);
     return 0;
 }
@@ -195,7 +197,7 @@ uint32_t notice_thunk(uint32_t kind, uint32_t *value) {
 // callable returns becomes L2VFIB_HandleEvtMsg's result: nothing is
 // L2VFIB_OK, an error_code its value, a number itself.
 template <typename D>
-uint32_t event_thunk(uint32_t tag, const void *record) {
+uint32_t event_thunk(uint32_t tag, const void *record) noexcept {
     D &f = event_slot.get<D>();
     using R = std::invoke_result_t<D &, uint32_t, const void *>;
     if constexpr (std::is_void_v<R>) {

@@ -8,6 +8,8 @@
 #   make fuzz-long    each fuzzer for FUZZ_RUNS executions (10^8)
 #   make bench        benchmarks: wall time, then the instruction table
 #   make build        just build (build/)
+#   make builds       a user's build: every build type with GCC and Clang,
+#                     installed, and a C and a C++ program built against it
 #   make clean
 
 JOBS ?= 2
@@ -26,7 +28,7 @@ CROSS_ARCHES := armhf s390x
 GTEST_SOURCE ?= /usr/src/googletest
 
 .PHONY: all build demo test test-plain test-asan test-cross fuzz deps deps-cross deps-fuzz clean
-.PHONY: bench deps-bench fuzz-long footprint
+.PHONY: bench deps-bench fuzz-long footprint builds
 
 all: build
 
@@ -94,6 +96,10 @@ bench: deps-bench
 	$(CMAKE) --build build-bench -j$(JOBS) --target l2vfib_bench
 	build-bench/bench/l2vfib_bench --benchmark_min_time=0.05
 	sh bench/callgrind.sh build-bench/bench
+
+builds: deps
+	@sh scripts/install-deps.sh builds
+	sh scripts/check-builds.sh $(JOBS)
 
 clean:
 	rm -rf build build-asan build-fuzz build-bench build-armhf-release $(foreach a,$(CROSS_ARCHES),build-$(a))

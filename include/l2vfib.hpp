@@ -513,7 +513,8 @@ class BasicSession {
 
     // A direct entry call. Refused (L2VFIB_ERR_FAIL: its flush for room was
     // refused and nothing was written), a retrying session sends the queue
-    // with the waiting flush and makes the call once more.
+    // with the waiting flush and makes the call once more. A call refused
+    // for its records (a block too long) is refused again, the queue sent.
     template <typename Call>
     std::error_code append(Call call) noexcept {
         if constexpr (OnBusy == Busy::report) {

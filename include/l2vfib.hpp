@@ -213,7 +213,9 @@ uint32_t event_thunk(uint32_t tag, const void *record) noexcept {
 // Lengths and counts above what the C call takes are refused, never cut.
 constexpr bool fits16(std::size_t n) noexcept { return n <= UINT16_MAX; }
 constexpr uint32_t room32(std::size_t n) noexcept {
-    return n > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(n);
+    if constexpr (sizeof(std::size_t) > sizeof(uint32_t))
+        if (n > UINT32_MAX) return UINT32_MAX;
+    return static_cast<uint32_t>(n);
 }
 
 }  // namespace detail

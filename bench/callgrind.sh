@@ -2,7 +2,9 @@
 # Counts the instructions of every benchmark case under callgrind and prints
 # one table: instructions per message for the library, libmnl and the copy
 # limit, their ratios, and the sends per message of the library against the
-# limit's.
+# limit's. Each call is measured through the C function and through the C++
+# face (the row named with _cpp behind); a second table sets the two side by
+# side.
 #
 #   sh bench/callgrind.sh BUILD_BENCH_DIR [CALLS]
 #
@@ -37,15 +39,26 @@ awk '
 function r(a, b) { return b > 0 ? sprintf("%.2f", a / b) : "-" }
 function s(x) { return x > 0 ? sprintf("%.4f", x) : "-" }
 BEGIN {
-    printf "%-18s %5s %9s %9s %9s %8s %8s %9s %9s\n", "case", "msg/c", "l2vfib", "libmnl",
+    printf "%-20s %5s %9s %9s %9s %8s %8s %9s %9s\n", "case", "msg/c", "l2vfib", "libmnl",
         "limit", "/libmnl", "/limit", "sends/msg", "limit"
-    printf "%-18s %5s %9s %9s %9s %8s %8s %9s %9s\n", "", "", "instr/msg", "instr/msg",
+    printf "%-20s %5s %9s %9s %9s %8s %8s %9s %9s\n", "", "", "instr/msg", "instr/msg",
         "instr/msg", "", "", "l2vfib", "sends/msg"
 }
 {
     # name per calls | ir msgs sends (l2vfib) | ir msgs sends (libmnl) | ir msgs sends (limit)
     m = $2 * $3
     lib = $4 / m; mnl = $7 / m; lim = $10 / m
-    printf "%-18s %5d %9.1f %9.1f %9.1f %8s %8s %9s %9s\n", $1, $2, lib, mnl, lim,
+    printf "%-20s %5d %9.1f %9.1f %9.1f %8s %8s %9s %9s\n", $1, $2, lib, mnl, lim,
         r(lib, mnl), r(lib, lim), s($6 / m), s($12 / m)
+    perMsg[$1] = lib
+    if ($1 !~ /_cpp$/) order[++n] = $1
+}
+END {
+    printf "\n%-20s %9s %9s %9s\n", "call", "C", "C++ face", "C++ - C"
+    printf "%-20s %9s %9s %9s\n", "", "instr/msg", "instr/msg", ""
+    for (i = 1; i <= n; i++) {
+        c = order[i]; f = c "_cpp"
+        if (!(f in perMsg)) continue
+        printf "%-20s %9.1f %9.1f %9.1f\n", c, perMsg[c], perMsg[f], perMsg[f] - perMsg[c]
+    }
 }' "$work/rows"

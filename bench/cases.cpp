@@ -9,6 +9,7 @@
 
 #include "bench_platform.h"
 #include "l2vfib.h"
+#include "l2vfib.hpp"
 
 namespace bench {
 namespace {
@@ -97,19 +98,56 @@ uint32_t EncLpw() {
 uint32_t HandleMsg() { return L2VFIB_HandleMsg(g_socket); }
 uint32_t HandleEvtMsg() { return L2VFIB_HandleEvtMsg(g_eventSocket); }
 
+// The same calls through the C++ face, with the same records. The block
+// lengths and counts are as well known to the compiler as the C calls'
+// (a constant, a 16-bit number).
+l2vfib::Session g_session;
+l2vfib::EventChannel g_channel;
+uint32_t Code(std::error_code ec) { return static_cast<uint32_t>(ec.value()); }
+uint32_t SendCfgWordCpp() { return Code(g_session.send_cfg(28, 1, nullptr, &kWord)); }
+uint32_t SendCfgVariantCpp() { return Code(g_session.send_cfg(12, 1, &kKey, &g_variantEntry)); }
+uint32_t PwAddCpp() { return Code(g_session.add_pw(0, kKey, std::as_bytes(std::span(g_pwBlock)))); }
+uint32_t PwDelCpp() { return Code(g_session.del_pw(0, kKey)); }
+uint32_t MinMAddCpp() {
+    return Code(g_session.add_minm(0, 5, kKey, std::as_bytes(std::span(g_minmBlock).first(g_minmLength))));
+}
+uint32_t AcAddCpp() { return Code(g_session.add_ac(kKey, g_acInfo, g_acOption)); }
+uint32_t TunnelAddCpp() { return Code(g_session.add_tunnel(5, g_tunnel)); }
+uint32_t EbgMembersCpp() { return Code(g_session.add_ebg_members(5, g_ebgKey, g_members)); }
+uint32_t DfAddCpp() { return Code(g_session.add_ebg_df(5, g_df)); }
+uint32_t EncLpwCpp() {
+    const auto block = l2vfib::encode(g_lpw, std::as_writable_bytes(std::span(g_encOut)));
+    g_encLength = static_cast<uint32_t>(block.size());
+    return block.empty() ? L2VFIB_ERR_FAIL : L2VFIB_OK;
+}
+uint32_t HandleMsgCpp() { return Code(g_session.handle_msg()); }
+uint32_t HandleEvtMsgCpp() { return Code(g_channel.handle()); }
+
 const std::vector<Case> kCases = {
     {"send_cfg_word", Kind::kBatched, SendCfgWord},
+    {"send_cfg_word_cpp", Kind::kBatched, SendCfgWordCpp, true},
     {"send_cfg_variant", Kind::kBatched, SendCfgVariant},
+    {"send_cfg_variant_cpp", Kind::kBatched, SendCfgVariantCpp, true},
     {"pw_add_200", Kind::kBatched, PwAdd},
+    {"pw_add_200_cpp", Kind::kBatched, PwAddCpp, true},
     {"pw_del", Kind::kBatched, PwDel},
+    {"pw_del_cpp", Kind::kBatched, PwDelCpp, true},
     {"minm_add", Kind::kBatched, MinMAdd},
+    {"minm_add_cpp", Kind::kBatched, MinMAddCpp, true},
     {"ac_add", Kind::kBatched, AcAdd},
+    {"ac_add_cpp", Kind::kBatched, AcAddCpp, true},
     {"tunnel_add", Kind::kBatched, TunnelAdd},
+    {"tunnel_add_cpp", Kind::kBatched, TunnelAddCpp, true},
     {"ebg_members_1000", Kind::kBatched, EbgMembers},
+    {"ebg_members_1000_cpp", Kind::kBatched, EbgMembersCpp, true},
     {"df_add", Kind::kBatched, DfAdd},
+    {"df_add_cpp", Kind::kBatched, DfAddCpp, true},
     {"enc_lpw", Kind::kEncoder, EncLpw},
+    {"enc_lpw_cpp", Kind::kEncoder, EncLpwCpp, true},
     {"handle_msg", Kind::kReceive, HandleMsg},
+    {"handle_msg_cpp", Kind::kReceive, HandleMsgCpp, true},
     {"handle_evt_msg", Kind::kReceive, HandleEvtMsg},
+    {"handle_evt_msg_cpp", Kind::kReceive, HandleEvtMsgCpp, true},
 };
 
 // ---- what each case's messages look like, captured once ------------------
@@ -146,8 +184,9 @@ void AddMessage(Captured &cap, const uint8_t *p, size_t length, size_t itemsFrom
 
 void Capture(const Case &c, Captured &cap) {
     static uint8_t sent[1 << 16];
-    if (c.kind == Kind::kReceive) SetRecv(c.call == HandleMsg ? kNotice : kEvent,
-                                          c.call == HandleMsg ? sizeof kNotice : sizeof kEvent);
+    const bool notice = c.call == HandleMsg || c.call == HandleMsgCpp;
+    if (c.kind == Kind::kReceive) SetRecv(notice ? kNotice : kEvent,
+                                          notice ? sizeof kNotice : sizeof kEvent);
     uint32_t result = L2VFIB_OK;
     switch (c.kind) {
     case Kind::kBatched: {
@@ -170,7 +209,7 @@ void Capture(const Case &c, Captured &cap) {
         break;
     case Kind::kReceive:
         result = c.call();
-        if (c.call == HandleMsg)
+        if (notice)
             AddMessage(cap, kNotice, sizeof kNotice, 8);
         else
             AddMessage(cap, kEvent, sizeof kEvent, 8);
@@ -296,17 +335,31 @@ const char *ImplName(Impl impl) {
     return "?";
 }
 
-void Prepare() {
-    g_socket = L2VFIB_Open(OnNotice);
-    g_eventSocket = L2VFIB_InitEvent(1);
+void Prepare(bool face) {
+    if (face) {
+        // The callbacks do what OnNotice and OnEvent do.
+        auto session = l2vfib::Session::open([](uint32_t, uint32_t value) { g_seen += value; });
+        auto channel = l2vfib::EventChannel::open(1);
+        if (session && channel) {
+            g_session = std::move(*session);
+            g_channel = std::move(*channel);
+            g_socket = g_session.socket();
+            g_eventSocket = g_channel.socket();
+            (void)g_channel.reg(0x0010, 0, [](uint32_t tag, const void *) { g_seen += tag; });
+        }
+    } else {
+        g_socket = L2VFIB_Open(OnNotice);
+        g_eventSocket = L2VFIB_InitEvent(1);
+        L2VFIB_RegEvent(g_eventSocket, 0x0010, nullptr, 0, OnEvent, 0);
+    }
     if (g_socket < 0 || g_eventSocket < 0) {
         std::fprintf(stderr, "bench: the library does not open over the bench platform\n");
         std::exit(1);
     }
-    L2VFIB_RegEvent(g_eventSocket, 0x0010, nullptr, 0, OnEvent, 0);
     FillRecords();
     g_captured.resize(kCases.size());
-    for (size_t i = 0; i < kCases.size(); ++i) Capture(kCases[i], g_captured[i]);
+    for (size_t i = 0; i < kCases.size(); ++i)
+        if (face || !kCases[i].face) Capture(kCases[i], g_captured[i]);
 }
 
 extern "C" [[gnu::noinline]] Run bench_loop(const Case *c, Impl impl, uint64_t calls) {

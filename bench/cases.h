@@ -1,6 +1,8 @@
 // The measured calls, and the two baselines each is held against.
 //
-// A case is one call of the library (Lib) that yields one or more messages.
+// A case is one call of the library (Lib) that yields one or more messages,
+// through the C function or through the C++ face (l2vfib.hpp) that wraps
+// it: a face case is named as its C case with "_cpp" behind.
 // Its messages' bytes are captured once; then
 //   Limit  copies those bytes into a 1400-byte area, sending when the next
 //          message does not fit: the least any batching can cost;
@@ -28,6 +30,7 @@ struct Case {
     const char *name;
     Kind kind;
     uint32_t (*call)();  // one call of the library: L2VFIB_OK when it did its work
+    bool face = false;   // through the C++ face: needs the library opened by it
 };
 
 const std::vector<Case> &Cases();
@@ -43,8 +46,10 @@ struct Run {
 // How many messages one call of the case yields.
 uint64_t MessagesPerCall(const Case &c);
 
-// Opens the library and prepares every case's captured messages; call once.
-void Prepare();
+// Opens the library, through the C++ face (a session and an event channel
+// with lambdas for callbacks) or with the C calls and C callbacks, and
+// prepares the captured messages of every case that can run so; call once.
+void Prepare(bool face);
 
 // Runs calls calls of one case with one implementation, then flushes what
 // is left. Kept out of line under this C name so that callgrind can count

@@ -22,8 +22,12 @@
 extern "C" {
 #endif
 
+/* No function throws (the library is built without exceptions): C++
+ * callers need no unwinding around a call, and can end in one. */
 #if defined(L2VFIB_BUILDING) && defined(__GNUC__)
-#define L2VFIB_API __attribute__((visibility("default")))
+#define L2VFIB_API __attribute__((visibility("default"), nothrow))
+#elif defined(__GNUC__)
+#define L2VFIB_API __attribute__((nothrow))
 #else
 #define L2VFIB_API
 #endif
@@ -43,6 +47,21 @@ extern "C" {
 #define L2VFIB_ERR_BAD_MSG 0x60010004u
 /* Nothing to read on the event socket. */
 #define L2VFIB_ERR_NO_DATA 0x2001000eu
+
+/* What a result code means, in words, for a daemon's log: "ok" for
+ * L2VFIB_OK, a sentence for each of the four codes above, and "a result of
+ * the service's own" for anything else (answered commands and control calls
+ * pass the service's result through). Inline, so it adds no export. */
+static inline const char *l2vfib_result_name(uint32_t code) {
+    switch (code) {
+    case L2VFIB_OK: return "ok";
+    case L2VFIB_ERR_FAIL: return "the call failed: refused, or an encode, send, receive or parse failed";
+    case L2VFIB_ERR_NOT_OPEN: return "the library is not open";
+    case L2VFIB_ERR_BAD_MSG: return "a malformed notice arrived from the service";
+    case L2VFIB_ERR_NO_DATA: return "nothing was waiting on the event socket";
+    default: return "a result of the service's own";
+    }
+}
 
 /* Size of the batch buffer's area and the longest message. */
 #define L2VFIB_BATCH_SIZE 1400u

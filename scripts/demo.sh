@@ -1,11 +1,12 @@
 #!/bin/sh
 # make demo: the example daemon against the emulated device, in a fresh
-# device directory, leaving nothing running.
-# Usage: demo.sh BUILD_DIR
+# device directory, leaving nothing running. The tests run each example
+# daemon (C and C++) the same way.
+# Usage: demo.sh BUILD_DIR [DAEMON]    DAEMON: default BUILD_DIR/examples/fib_daemon
 set -eu
 build=${1:-build}
 emu="$build/emu/l2vfib-emu"
-daemon="$build/examples/fib_daemon"
+daemon=${2:-"$build/examples/fib_daemon"}
 for f in "$emu" "$daemon"; do
     if [ ! -x "$f" ]; then
         echo "demo: $f was not built (the example daemon is built once the library" >&2
@@ -27,12 +28,15 @@ cleanup() {
 trap cleanup EXIT INT TERM
 
 step "starting the emulated device in $L2VFIB_DEVICE_DIR"
+# One capture per daemon, so that the tests' runs of both daemons at once
+# do not write the same file.
 capture="$build/demo.pcap"
+[ -z "${2:-}" ] || capture="$build/demo-$(basename "$daemon").pcap"
 echo "\$ l2vfib-emu start --capture $capture"
 "$emu" start --capture "$capture"
 
-step "running the example daemon (examples/fib_daemon.c)"
-echo "\$ fib_daemon 10 &"
+step "running the example daemon ($(basename "$daemon"))"
+echo "\$ $(basename "$daemon") 10 &"
 "$daemon" 10 &
 daemon_pid=$!
 

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages a build needs, only those that are missing.
-# Usage: install-deps.sh GROUP...   (groups: base cross fuzz bench)
+# Usage: install-deps.sh GROUP...   (groups: base cross fuzz bench builds)
 set -eu
 packages=""
 for group in "$@"; do
@@ -9,6 +9,7 @@ for group in "$@"; do
     cross) packages="$packages g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user googletest" ;;
     fuzz) packages="$packages clang libclang-rt-dev" ;;
     bench) packages="$packages libbenchmark-dev libmnl-dev valgrind" ;;
+    builds) packages="$packages clang-14" ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
     esac
 done

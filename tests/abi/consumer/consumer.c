@@ -2,6 +2,7 @@
  * talk to, every entry point reports the documented failure. */
 #include <l2vfib.h>
 #include <stdio.h>
+#include <string.h>
 
 static int failures;
 
@@ -23,6 +24,8 @@ int main(void) {
     expect(L2VFIB_CheckVlanRange(0x8000, 0, NULL) == L2VFIB_ERR_FAIL,
            "VLAN range check without data must fail");
     expect(L2VFIB_Start(0x8000, 1) != 0, "start without a device must fail");
+    expect(strcmp(l2vfib_result_name(L2VFIB_ERR_NOT_OPEN), "the library is not open") == 0,
+           "a result code must have its name");
     if (failures == 0) puts("consumer: ok");
     return failures == 0 ? 0 : 1;
 }

@@ -277,6 +277,10 @@ class Server {
     // The services go away and come back, as a device's service does when
     // it restarts: every connection to them is closed.
     void Restart() {
+        // The service files go first: a client that sees its connection
+        // close and connects again at once must find no service, not the
+        // old one about to close, until the new one is bound.
+        CloseServices();
         for (auto it = connections_.begin(); it != connections_.end();) {
             if (it->second.service == kSteering) {
                 ++it;
@@ -286,7 +290,6 @@ class Server {
             peers_.erase(it->second.peer);
             it = connections_.erase(it);
         }
-        CloseServices();
         device_.Restarted();
         if (!OpenServices()) {
             std::fprintf(stderr, "%s l2vfib-emu: the services did not come back\n", Now().c_str());

@@ -272,6 +272,17 @@ std::vector<std::string> Device::LogLines() const {
     return lines;
 }
 
+void Device::Keep(MessageTable &table, const MessageTable::Key &key, std::span<const uint8_t> message) {
+    if (!table.Put(key, message))
+        Refuse(fmt::format("{}: a table holds at most {} rows", table.Name(), kMaxRows));
+}
+
+void Device::Refuse(const std::string &why) {
+    // Logged once per kind of refusal, counted always.
+    if (counters_.rowsRefused++ == 0 || refusedWhy_ != why) Log(fmt::format("refused: {}", why));
+    refusedWhy_ = why;
+}
+
 void Device::CountRefused(uint32_t uid, int32_t pid) {
     ++counters_.refused;
     Log(fmt::format("steering refused: the peer (uid {}, pid {}) is not this device's user", uid, pid));
@@ -367,7 +378,7 @@ bool Device::FastPw(std::span<const uint8_t> datagram) {
         const MessageTable::Key key{wire::Get32(m + 12), Be16(m + 16), 0};
         ++counters_.messages;
         if (m[6] == kAdd)
-            pw_.Put(key, {m, size});
+            Keep(pw_, key, {m, size});
         else if (!pw_.Erase(key))
             Log(fmt::format("pw {}/{}: delete of an unknown entry", key[0], key[1]));
         pos += size;
@@ -477,7 +488,7 @@ void Device::ApplyEntry(MessageTable &table, const Message &message, std::span<c
     }
     if (message.opcode != kAdd)
         Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), keyText, message.opcode));
-    table.Put(TableKey(key), datagram.subspan(message.offset, message.size));
+    Keep(table, TableKey(key), datagram.subspan(message.offset, message.size));
 }
 
 void Device::ApplyMembers(Table &table, const Message &message, uint16_t memberItem) {
@@ -507,8 +518,14 @@ void Device::ApplyMembers(Table &table, const Message &message, uint16_t memberI
         if (message.opcode != kAdd)
             Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), key.text,
                             message.opcode));
-        for (const auto &member : members)
-            if (std::find(set.begin(), set.end(), member) == set.end()) set.push_back(member);
+        for (const auto &member : members) {
+            if (std::find(set.begin(), set.end(), member) != set.end()) continue;
+            if (set.size() >= kMaxMembers) {
+                Refuse(fmt::format("{} {}: a set holds at most {} members", table.Name(), key.text, kMaxMembers));
+                break;
+            }
+            set.push_back(member);
+        }
     }
     Row updated{key.text};
     updated.fields["byte7"] = message.byte7;

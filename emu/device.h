@@ -59,6 +59,7 @@ struct Counters {
     uint64_t busySpells = 0; // times the busy fault began
     uint64_t restarts = 0;   // service restarts
     uint64_t refused = 0;    // steering peers of another user, turned away
+    uint64_t rowsRefused = 0;  // rows and members past what a table keeps
 };
 
 // The faults a developer injects (`l2vfib-emu fault ...`). The server
@@ -145,6 +146,9 @@ class Device {
     const TableRef *FindTable(const std::string &name) const;
 
     void Log(const std::string &line);
+    // Files a row in an entry table, or counts it refused when it is full.
+    void Keep(MessageTable &table, const MessageTable::Key &key, std::span<const uint8_t> message);
+    void Refuse(const std::string &why);
     void Keep(LogRecord::What what, const Peer &peer, std::span<const uint8_t> datagram);
     LogRecord &NextRecord();
     // Files a datagram of pseudowire adds and deletes without the full
@@ -176,6 +180,7 @@ class Device {
     bool stopAsked_ = false;
     bool restartAsked_ = false;
     bool logMessages_ = false;
+    std::string refusedWhy_;
 
     MessageTable pw_;
     MessageTable minm_;

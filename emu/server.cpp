@@ -121,6 +121,9 @@ void RemoveFiles(const std::vector<std::string> &paths) {
     for (const auto &path : paths) unlink(path.c_str());
 }
 
+// The log file's bound, in bytes.
+constexpr size_t kLogLimit = 64 << 20;
+
 // Connections a peer may hold open at once, over both services; more are
 // refused so that nobody can take every descriptor.
 constexpr size_t kMaxConnections = 1000;
@@ -166,11 +169,9 @@ struct Connection {
 class Server {
   public:
     explicit Server(const StartOptions &options)
-        : device_([](const std::string &line) {
-              std::fprintf(stderr, "%s %s\n", Now().c_str(), line.c_str());
-              std::fflush(stderr);
-          }),
-          capture_(options.capture) {}
+        : device_([this](const std::string &line) { WriteLog(line); }),
+          capture_(options.capture),
+          logFile_(options.foreground ? std::string() : InDir("emu.log")) {}
 
     bool Open() {
         if (!OpenServices()) return false;
@@ -253,6 +254,22 @@ class Server {
     }
 
   private:
+    // One log line on stderr. In the background stderr is emu.log, which
+    // is bounded: past kLogLimit bytes it becomes emu.log.1 (the one before
+    // goes) and a new emu.log begins.
+    void WriteLog(const std::string &line) {
+        const int n = std::fprintf(stderr, "%s %s\n", Now().c_str(), line.c_str());
+        std::fflush(stderr);
+        logged_ += n > 0 ? static_cast<size_t>(n) : 0;
+        if (logFile_.empty() || logged_ < kLogLimit) return;
+        logged_ = 0;
+        std::rename(logFile_.c_str(), (logFile_ + ".1").c_str());
+        const int log = open(logFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (log < 0) return;
+        dup2(log, STDERR_FILENO);
+        close(log);
+    }
+
     bool OpenServices() {
         const uint16_t local = static_cast<uint16_t>(device_.Setup().localNode);
         char path[sizeof(sockaddr_un::sun_path)];
@@ -506,6 +523,8 @@ class Server {
 
     Device device_;
     Capture capture_;
+    std::string logFile_;  // emu.log in the background; empty in the foreground
+    size_t logged_ = 0;
     int forwarding_ = -1, event_ = -1, control_ = -1, steering_ = -1;
     std::string servicePaths_[2];
     std::map<int, Connection> connections_;

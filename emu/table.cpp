@@ -19,6 +19,7 @@ bool Table::Erase(const std::vector<uint64_t> &key) { return rows_.erase(key) !=
 
 Row &Table::Append(Row row) {
     if (row.key.empty()) row.key = std::to_string(next_);
+    if (rows_.size() >= kMaxLogRows) rows_.erase(rows_.begin());
     return Put({next_++}, std::move(row));
 }
 

@@ -43,7 +43,8 @@ class Table {
     Row &Put(const std::vector<uint64_t> &key, Row row);
     Row *Find(const std::vector<uint64_t> &key);
     bool Erase(const std::vector<uint64_t> &key);
-    // Appends a row under the next arrival number (log tables).
+    // Appends a row under the next arrival number (log tables); past
+    // kMaxLogRows the oldest row goes.
     Row &Append(Row row);
     // Empties the table; arrival numbers start at 1 again.
     void Clear() {
@@ -66,6 +67,13 @@ class Table {
     uint64_t next_ = 1;
 };
 
+// What one peer can grow, at most: rows of an entry table (a device's
+// scale is a million), rows of a log table (the oldest go first), and
+// members of one member set.
+constexpr size_t kMaxRows = 10'000'000;
+constexpr size_t kMaxLogRows = 100'000;
+constexpr size_t kMaxMembers = 4096;
+
 // Rows kept as message bytes. Render turns one message back into its row
 // (nothing when the bytes no longer decode, which Put never lets in).
 class MessageTable {
@@ -80,11 +88,16 @@ class MessageTable {
     const std::string &About() const { return about_; }
 
     // A load in ascending key order, the usual bulk load, appends at the
-    // end of the tree without a search.
-    void Put(const Key &key, std::span<const uint8_t> message) {
+    // end of the tree without a search. False, and nothing kept, for a new
+    // key when the table holds kMaxRows.
+    bool Put(const Key &key, std::span<const uint8_t> message) {
         auto at = !rows_.empty() && rows_.rbegin()->first < key ? rows_.end() : rows_.lower_bound(key);
-        if (at == rows_.end() || at->first != key) at = rows_.emplace_hint(at, key, std::string());
+        if (at == rows_.end() || at->first != key) {
+            if (rows_.size() >= kMaxRows) return false;
+            at = rows_.emplace_hint(at, key, std::string());
+        }
         at->second.assign(reinterpret_cast<const char *>(message.data()), message.size());
+        return true;
     }
     bool Erase(const Key &key) { return rows_.erase(key) != 0; }
     const std::string *Find(const Key &key) const {

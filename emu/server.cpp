@@ -17,6 +17,7 @@
 #include <ctime>
 #include <fstream>
 #include <algorithm>
+#include <array>
 #include <map>
 #include <set>
 #include <thread>
@@ -128,7 +129,7 @@ constexpr size_t kLogLimit = 64 << 20;
 // refused so that nobody can take every descriptor.
 constexpr size_t kMaxConnections = 1000;
 // Datagrams read from one connection before the others get their turn.
-constexpr int kReadBurst = 64;
+constexpr unsigned kReadBurst = 64;
 // A steering client's unsent output above which a streamed show waits.
 constexpr size_t kOutputHigh = 256 * 1024;
 // A steering request line may not grow past this.
@@ -346,33 +347,42 @@ class Server {
         connections_.erase(fd);
     }
 
-    // Reads a burst of datagrams from a service connection.
+    // Reads a burst of datagrams from a service connection, with one
+    // system call (recvmmsg), then hands each to the device in order.
     void Receive(int fd, Connection &c, short revents) {
         if (!(revents & POLLIN)) {
             if (revents & (POLLHUP | POLLERR)) Drop(fd, c);
             return;
         }
         const bool slow = c.service == kForwarding && device_.Fault().slowUs != 0;
-        for (int n = 0; n < (slow ? 1 : kReadBurst); ++n) {
-            const ssize_t got = recv(fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) return;
-            if (got == 0) {
+        const unsigned want = slow ? 1 : kReadBurst;
+        for (unsigned i = 0; i < want; ++i) {
+            slots_[i] = iovec{burst_.data() + i * kMaxDatagram, kMaxDatagram};
+            headers_[i] = mmsghdr{};
+            headers_[i].msg_hdr.msg_iov = &slots_[i];
+            headers_[i].msg_hdr.msg_iovlen = 1;
+        }
+        int got;
+        do got = recvmmsg(fd, headers_.data(), want, MSG_DONTWAIT, nullptr);
+        while (got < 0 && errno == EINTR);
+        if (got < 0) return;
+        for (int i = 0; i < got; ++i) {
+            // A packet connection ends with a read of nothing.
+            if (headers_[i].msg_len == 0) {
                 Drop(fd, c);
                 return;
             }
-            const std::span<const uint8_t> datagram(buffer_.data(), static_cast<size_t>(got));
+            const std::span<const uint8_t> datagram(burst_.data() + i * kMaxDatagram, headers_[i].msg_len);
             capture_.Record(false, c.service, datagram);
             Trace(false, c.service, c.peer, datagram);
             const bool fresh = c.fresh;
             c.fresh = false;
-            if (c.service == kForwarding) {
+            if (c.service == kForwarding)
                 Send(kForwarding, device_.Forwarding(c.peer, fresh, datagram));
-                if (device_.Fault().busy) return;
-            } else {
+            else
                 device_.Event(c.peer, datagram);
-            }
         }
+        if (got == 0) Drop(fd, c);
         if (slow) nextForwardUs_ = MonotonicUs() + device_.Fault().slowUs;
     }
 
@@ -533,6 +543,10 @@ class Server {
     std::set<int> tracers_;  // the trace subscribers' connections
     int64_t nextForwardUs_ = 0;
     std::vector<uint8_t> buffer_ = std::vector<uint8_t>(kMaxDatagram);
+    // The burst's room: kReadBurst datagrams of any size a packet may have.
+    std::vector<uint8_t> burst_ = std::vector<uint8_t>(kReadBurst * kMaxDatagram);
+    std::array<iovec, kReadBurst> slots_{};
+    std::array<mmsghdr, kReadBurst> headers_{};
     std::vector<std::string> files_;
 };
 

@@ -16,6 +16,7 @@
 #include <time.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <span>
@@ -188,29 +189,24 @@ int main(int argc, char **argv) {
     if (ok) std::printf("fib_daemon_cpp: configured; waiting for a notice and an event\n");
     std::fflush(stdout);
 
-    // The service restarted: close, open again until it is back (waiting
-    // 50 ms, doubled up to a second, until the deadline), and program it
-    // all again, quietly.
+    // The service restarted: the session opens again until the service is
+    // back (waiting 50 ms, doubled up to a second, until the deadline) and
+    // the daemon programs it all again, quietly, and registers again.
     auto recover = [&](long deadline) {
         std::printf("fib_daemon_cpp: the service is gone; opening the library again\n");
         (void)channel->close();
-        (void)session->close();
-        int pause = 50, tries = 1;
-        while (!(session = open_session())) {
-            if (now_ms() + pause > deadline) {
-                std::fprintf(stderr, "fib_daemon_cpp: the service did not come back\n");
-                return false;
-            }
-            poll(nullptr, 0, pause);
-            pause = pause * 2 > 1000 ? 1000 : pause * 2;
-            ++tries;
-        }
-        std::printf("fib_daemon_cpp: service back after %d tries; programming it again\n", tries);
         gQuiet = true;
-        const bool again = configure(*session) && check("EventChannel::open and reg", (channel = open_channel()).error());
+        const std::error_code ec = session->reopen(
+            [&](l2vfib::Session &s) -> std::error_code {
+                if (!configure(s)) return l2vfib::errc::fail;
+                channel = open_channel();
+                return channel.error();
+            },
+            std::chrono::milliseconds(deadline - now_ms()));
         gQuiet = false;
-        if (again) std::printf("fib_daemon_cpp: recovered\n");
-        return again;
+        if (!check("reopen, configure and reg", ec)) return false;
+        std::printf("fib_daemon_cpp: recovered\n");
+        return true;
     };
 
     // The poll loop: the service socket for notices, the event socket for

@@ -37,6 +37,9 @@
 #ifndef L2VFIB_HPP
 #define L2VFIB_HPP
 
+#include <time.h>
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -296,7 +299,7 @@ class BasicSession {
             detail::notice_slot.reset();
             return errc::fail;
         }
-        return BasicSession(fd);
+        return BasicSession(fd, &detail::notice_thunk<D>);
     }
     // Opens the library without a notice callback.
     [[nodiscard]] static result<BasicSession> open() noexcept {
@@ -308,11 +311,13 @@ class BasicSession {
     BasicSession() noexcept = default;  // not open
     BasicSession(const BasicSession &) = delete;
     BasicSession &operator=(const BasicSession &) = delete;
-    BasicSession(BasicSession &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    BasicSession(BasicSession &&other) noexcept
+        : fd_(std::exchange(other.fd_, -1)), notice_(std::exchange(other.notice_, nullptr)) {}
     BasicSession &operator=(BasicSession &&other) noexcept {
         if (this != &other) {
             (void)close();
             fd_ = std::exchange(other.fd_, -1);
+            notice_ = std::exchange(other.notice_, nullptr);
         }
         return *this;
     }
@@ -323,8 +328,37 @@ class BasicSession {
     std::error_code close() noexcept {
         if (fd_ < 0) return {};
         const int32_t rc = L2VFIB_Close(std::exchange(fd_, -1));
-        detail::notice_slot.reset();
+        if (notice_ != nullptr) detail::notice_slot.reset();
+        notice_ = nullptr;
         return rc == 0 ? std::error_code{} : make_error_code(errc::fail);
+    }
+
+    // The service restarted under the session (a waiting flush failed, the
+    // service socket hung up): everything it held is gone, and so is this
+    // session's queue. Closes the library and opens it again with the same
+    // notice callable, waiting 50 ms between tries, doubled up to a second,
+    // until the service is back; then returns program(*this), where the
+    // daemon programs its whole state again (its event channel is its own
+    // to open and register again). errc::fail, and the session closed, when
+    // the service is not back within patience. See "When the service
+    // restarts" in the daemon guide.
+    template <typename Program>
+    [[nodiscard]] std::error_code reopen(Program &&program, std::chrono::milliseconds patience) noexcept {
+        L2VFIB_MsgCallback *const notice = notice_;
+        if (fd_ >= 0) (void)L2VFIB_Close(std::exchange(fd_, -1));  // the callable stays
+        long pause = 50, waited = 0;
+        while ((fd_ = L2VFIB_Open(notice)) < 0) {
+            if (waited + pause > patience.count()) {
+                if (notice != nullptr) detail::notice_slot.reset();
+                notice_ = nullptr;
+                return errc::fail;
+            }
+            const timespec wait = {pause / 1000, (pause % 1000) * 1000000L};
+            nanosleep(&wait, nullptr);
+            waited += pause;
+            pause = pause * 2 > 1000 ? 1000 : pause * 2;
+        }
+        return program(*this);
     }
 
     bool is_open() const noexcept { return fd_ >= 0; }
@@ -511,7 +545,7 @@ class BasicSession {
     }
 
   private:
-    explicit BasicSession(int32_t fd) noexcept : fd_(fd) {}
+    BasicSession(int32_t fd, L2VFIB_MsgCallback *notice = nullptr) noexcept : fd_(fd), notice_(notice) {}
 
     // A direct entry call. Refused (L2VFIB_ERR_FAIL: its flush for room was
     // refused and nothing was written), a retrying session sends the queue
@@ -529,6 +563,9 @@ class BasicSession {
     }
 
     int32_t fd_ = -1;
+    // The C notice callback the library was opened with (null: none, and
+    // the notice slot is not this session's).
+    L2VFIB_MsgCallback *notice_ = nullptr;
 };
 
 // A session that reports a busy service; one that waits for it and retries.

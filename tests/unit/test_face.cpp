@@ -160,6 +160,48 @@ TEST_F(Face, RetryingSessionFlushesAndCallsOnceMore) {
     }
 }
 
+// After a restart: the session opens again once the service is back, with
+// its notice callable, and returns what the daemon's programming returns;
+// a service that does not come back in time leaves it closed, callable
+// let go.
+TEST_F(Face, SessionReopensAfterARestart) {
+    struct Row {
+        const char *name;
+        int failures;  // opens refused before the service is back
+        long patience;
+        std::error_code ec;
+        bool programmed;
+    } const rows[] = {
+        {"back at once", 0, 0, {}, true},
+        {"back after two tries", 2, 1000, l2vfib::errc::no_data, true},
+        {"not back in time", 3, 100, l2vfib::errc::fail, false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        int alive = 0;
+        uint32_t seen = 0;
+        auto session = l2vfib::Session::open([a = Alive(&alive), &seen](uint32_t, uint32_t v) { seen = v; });
+        ASSERT_TRUE(session);
+        P().socketFailures = row.failures;
+        bool programmed = false;
+        const std::error_code ec = session->reopen(
+            [&](l2vfib::Session &s) {
+                programmed = s.is_open();
+                return row.programmed && row.failures ? make_error_code(l2vfib::errc::no_data) : std::error_code{};
+            },
+            std::chrono::milliseconds(row.patience));
+        EXPECT_EQ(ec, row.ec);
+        EXPECT_EQ(programmed, row.programmed);
+        EXPECT_EQ(session->is_open(), row.programmed);
+        EXPECT_EQ(alive, row.programmed ? 1 : 0);
+        if (row.programmed) {
+            P().recvResults = {RecvResult::Datagram(Hex(kNotice7))};
+            EXPECT_FALSE(session->handle_msg());
+            EXPECT_EQ(seen, 7u);
+        }
+    }
+}
+
 // The event callable gets each item and its result becomes handle()'s; the
 // channel closes once and takes its callable out of the library; a failed
 // open leaves nothing.

@@ -136,12 +136,6 @@ bool IsAnsweredCode(uint32_t code) {
 
 namespace {
 
-MessageTable::Key TableKey(const std::vector<uint64_t> &numbers) {
-    MessageTable::Key key{};
-    for (size_t i = 0; i < numbers.size() && i < key.size(); ++i) key[i] = numbers[i];
-    return key;
-}
-
 // An entry table's row, from the message that made it: the key as text,
 // the object type of a tunnel, header byte 7, the opcode when it is not an
 // add, and every item but the key item.
@@ -483,12 +477,12 @@ Bytes Device::AcDataAnswer() const {
 void Device::ApplyEntry(MessageTable &table, const Message &message, std::span<const uint8_t> datagram,
                         const std::vector<uint64_t> &key, const std::string &keyText) {
     if (message.opcode == kDelete) {
-        if (!table.Erase(TableKey(key))) Log(fmt::format("{} {}: delete of an unknown entry", table.Name(), keyText));
+        if (!table.Erase(MessageTable::Pack(key))) Log(fmt::format("{} {}: delete of an unknown entry", table.Name(), keyText));
         return;
     }
     if (message.opcode != kAdd)
         Log(fmt::format("{} {}: opcode {} carried, kept as sent", table.Name(), keyText, message.opcode));
-    Keep(table, TableKey(key), datagram.subspan(message.offset, message.size));
+    Keep(table, MessageTable::Pack(key), datagram.subspan(message.offset, message.size));
 }
 
 void Device::ApplyMembers(Table &table, const Message &message, uint16_t memberItem) {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "server.h"
+#include "table.h"
 #include "trace.h"
 
 using l2vfib::emu::Json;
@@ -40,14 +41,8 @@ int Ask(const Json &request, bool json = false, const char *member = "rows") {
 
 // A number as typed: decimal, or hex with 0x.
 uint64_t Number(const std::string &text, const char *what) {
-    size_t used = 0;
     uint64_t value = 0;
-    try {
-        value = std::stoull(text, &used, 0);
-    } catch (const std::exception &) {
-        used = 0;
-    }
-    if (used == 0 || used != text.size())
+    if (!l2vfib::emu::ParseNumber(text, &value))
         throw std::runtime_error(fmt::format("{}: not a number: '{}'", what, text));
     return value;
 }

@@ -142,6 +142,12 @@ constexpr size_t kTraceBoundMax = 256 * 1024 * 1024;
 
 enum Service { kForwarding = 0, kEvent = 1, kControl = 2, kSteering = 3 };
 
+// A steering request as read: its JSON, or why it is not JSON.
+struct Request {
+    Json body;
+    std::string fault;
+};
+
 struct Connection {
     Service service = kForwarding;
     Peer peer;
@@ -155,7 +161,7 @@ struct Connection {
     bool closeWhenSent = false;
     // Requests that asked to be answered only once every service
     // connection has been read to its end ("sync": true).
-    std::vector<std::string> waiting;
+    std::vector<Request> waiting;
     // A trace subscriber: every datagram in and out is copied to out as a
     // record while out stays under traceBound; the others are counted.
     bool tracing = false;
@@ -475,11 +481,18 @@ class Server {
         for (size_t end; !c.streaming && !c.tracing && (end = c.in.find('\n')) != std::string::npos;) {
             const std::string line = c.in.substr(0, end);
             c.in.erase(0, end + 1);
-            if (!c.waiting.empty() || line.find("\"sync\":true") != std::string::npos) {
-                c.waiting.push_back(line);
+            Request request;
+            try {
+                request.body = Json::parse(line);
+            } catch (const Json::exception &e) {
+                request.fault = std::string("not JSON: ") + e.what();
+            }
+            // Requests are answered in order: behind one that waits, all do.
+            if (!c.waiting.empty() || (request.body.is_object() && request.body.value("sync", false))) {
+                c.waiting.push_back(std::move(request));
                 continue;
             }
-            c.out += Answer(fd, c, line);
+            c.out += Answer(fd, c, request);
         }
     }
 
@@ -487,19 +500,21 @@ class Server {
     // end (or the forwarding service is not read at all, while busy).
     void AnswerWaiting() {
         for (auto &[fd, c] : connections_) {
-            for (const std::string &line : c.waiting) c.out += Answer(fd, c, line);
+            for (const Request &request : c.waiting) c.out += Answer(fd, c, request);
             c.waiting.clear();
         }
     }
 
     // One steering request's answer line. A show that streams starts its
     // stream on c instead; a trace request makes c (on fd) a subscriber.
-    std::string Answer(int fd, Connection &c, const std::string &line) {
+    std::string Answer(int fd, Connection &c, const Request &read) {
         Json response;
         std::vector<Outgoing> toClients, toChannels;
+        const Json &request = read.body;
         try {
-            const Json request = Json::parse(line);
-            if (request.value("cmd", "") == "show" && request.value("stream", false) &&
+            if (!read.fault.empty()) {
+                response = Json{{"ok", false}, {"error", read.fault}};
+            } else if (request.value("cmd", "") == "show" && request.value("stream", false) &&
                 !request.contains("key") && device_.IsStreamed(request.value("table", ""))) {
                 c.streaming = true;
                 c.closeWhenSent = true;
@@ -518,7 +533,7 @@ class Server {
                 response = device_.Steer(request, &toClients, &toChannels);
             }
         } catch (const Json::exception &e) {
-            response = Json{{"ok", false}, {"error", std::string("not JSON: ") + e.what()}};
+            response = Json{{"ok", false}, {"error", std::string("bad request: ") + e.what()}};
         }
         Send(kForwarding, toClients);
         Send(kEvent, toChannels);

@@ -180,35 +180,25 @@ Json Device::ShowRow(const std::string &name, const std::string &key) {
     if (table == nullptr) return Fail(fmt::format("no table '{}'", name));
     Table one(table->Name(), table->About());
     if (table->messages != nullptr) {
-        // The key as shown: numbers joined by '/', a tunnel's behind its
-        // object type.
+        // The key as shown: numbers joined by '/'. A tunnel is filed behind
+        // its object type, 14 or 18, which the key does not show.
         std::vector<uint64_t> numbers;
         for (size_t from = 0; from <= key.size();) {
             const size_t slash = std::min(key.find('/', from), key.size());
-            const std::string part = key.substr(from, slash - from);
-            size_t used = 0;
             uint64_t value = 0;
-            try {
-                value = std::stoull(part, &used, 0);
-            } catch (const std::exception &) {
-                used = 0;
-            }
-            if (part.empty() || used != part.size()) return Fail(fmt::format("key '{}': numbers joined by '/'", key));
+            if (!ParseNumber(key.substr(from, slash - from), &value))
+                return Fail(fmt::format("key '{}': numbers joined by '/'", key));
             numbers.push_back(value);
             from = slash + 1;
         }
-        for (uint64_t objType : {0, 14, 18}) {
-            std::vector<uint64_t> full = numbers;
-            if (table->messages == &tunnel_) {
-                if (objType == 0) continue;
-                full.insert(full.begin(), objType);
-            } else if (objType != 0) {
-                break;
-            }
-            MessageTable::Key packed{};
-            for (size_t i = 0; i < full.size() && i < packed.size(); ++i) packed[i] = full[i];
-            if (auto row = table->messages->RenderOne(packed)) one.Put(full, std::move(*row));
+        std::vector<std::vector<uint64_t>> keys{numbers};
+        if (table->messages == &tunnel_) {
+            keys = {numbers, numbers};
+            keys[0].insert(keys[0].begin(), 14);
+            keys[1].insert(keys[1].begin(), 18);
         }
+        for (const auto &full : keys)
+            if (auto row = table->messages->RenderOne(MessageTable::Pack(full))) one.Put(full, std::move(*row));
     } else {
         for (const auto &[numbers, row] : table->rows->Rows())
             if (row.key == key) one.Put(numbers, row);

@@ -1,6 +1,7 @@
 #include "table.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace l2vfib::emu {
 
@@ -21,6 +22,16 @@ Row &Table::Append(Row row) {
     if (row.key.empty()) row.key = std::to_string(next_);
     if (rows_.size() >= kMaxLogRows) rows_.erase(rows_.begin());
     return Put({next_++}, std::move(row));
+}
+
+bool ParseNumber(const std::string &text, uint64_t *value) {
+    size_t used = 0;
+    try {
+        *value = std::stoull(text, &used, 0);
+    } catch (const std::exception &) {
+        return false;
+    }
+    return !text.empty() && used == text.size();
 }
 
 std::string FieldText(const Json &value) {

@@ -81,6 +81,13 @@ class MessageTable {
     using Key = std::array<uint64_t, 3>;
     using Render = std::function<std::optional<Row>(std::span<const uint8_t>)>;
 
+    // The first numbers of a key, packed (the rest zero).
+    static Key Pack(const std::vector<uint64_t> &numbers) {
+        Key key{};
+        for (size_t i = 0; i < numbers.size() && i < key.size(); ++i) key[i] = numbers[i];
+        return key;
+    }
+
     MessageTable(std::string name, std::string about, Render render)
         : name_(std::move(name)), about_(std::move(about)), render_(std::move(render)) {}
 
@@ -122,6 +129,9 @@ class MessageTable {
     Render render_;
     std::map<Key, std::string> rows_;
 };
+
+// A number as typed: decimal, or hex with 0x. False for anything else.
+bool ParseNumber(const std::string &text, uint64_t *value);
 
 // A field value as the text tables print it: numbers in decimal, strings
 // as they are, arrays as comma lists, objects as name=value lists.

@@ -1,0 +1,95 @@
+"""pytest plugin: an emulated device per test.
+
+Loaded with `-p l2vfib_emu.pytest_plugin`, or by itself once the package is
+installed (its pytest11 entry point). It provides
+
+  l2vfib_device   a started Device in its own directory under the test's
+                  tmp_path, stopped after the test; run a daemon against it
+                  with subprocess and env=l2vfib_device.env
+
+and the option --l2vfib-emu PATH (else $L2VFIB_EMU, else PATH). A device
+that dies during a test fails that test; a failing test's report has a
+section with the tail of the device's log. A session that ends before its
+teardown (a test-timeout plugin's os._exit, SIGKILL) leaves no device
+running: a reaper process of its own stops them (l2vfib_emu.reaper). Tests
+in separate directories (tmp_path is per test) run in parallel, under
+pytest-xdist or as separate pytest runs, without meeting.
+"""
+import os
+import subprocess
+import sys
+
+import pytest
+
+from . import reaper
+from .device import Device, DeviceError
+
+_DEVICE = pytest.StashKey[Device]()
+_REPORTED = pytest.StashKey[bool]()
+_REAPER = pytest.StashKey[subprocess.Popen]()
+
+
+def pytest_addoption(parser):
+    group = parser.getgroup("l2vfib-emu", "the emulated device")
+    group.addoption("--l2vfib-emu", metavar="PATH", default=None,
+                    help="the l2vfib-emu binary for l2vfib_device (default: $L2VFIB_EMU, else PATH)")
+
+
+def _tell_reaper(config, device, line):
+    """Lists a running device with the session's reaper, started at first use."""
+    proc = config.stash.get(_REAPER, None)
+    if proc is None:
+        proc = subprocess.Popen([sys.executable, reaper.__file__, os.path.basename(device.emu)],
+                                stdin=subprocess.PIPE, text=True, start_new_session=True)
+        config.stash[_REAPER] = proc
+    proc.stdin.write(line + device.dir + "\n")
+    proc.stdin.flush()
+
+
+def pytest_unconfigure(config):
+    proc = config.stash.get(_REAPER, None)
+    if proc is not None:
+        proc.stdin.close()
+        proc.wait()
+
+
+def _died_text(device):
+    return f"the emulated device in {device.dir} died during the test (pid {device.pid})"
+
+
+@pytest.fixture
+def l2vfib_device(request, tmp_path):
+    """A started emulated device in tmp_path/device, stopped after the test."""
+    device = Device(tmp_path / "device", emu=request.config.getoption("l2vfib_emu"))
+    request.node.stash[_DEVICE] = device
+    if device.emu:
+        _tell_reaper(request.config, device, "+")
+    device.start()
+    yield device
+    died = device.died()
+    device.stop()
+    _tell_reaper(request.config, device, "-")
+    if died and not request.node.stash.get(_REPORTED, False):
+        pytest.fail(_died_text(device) + "; its log's tail:\n" + "\n".join(device.log_tail()), pytrace=False)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """A test during which its device died fails; a failing test's report
+    shows the tail of the device's log."""
+    outcome = yield
+    report = outcome.get_result()
+    device = item.stash.get(_DEVICE, None)
+    if device is None:
+        return
+    if report.when == "call" and device.died():
+        item.stash[_REPORTED] = True
+        if not report.failed:
+            report.outcome = "failed"
+            report.longrepr = _died_text(device)
+    if report.failed:
+        try:
+            tail = device.log_tail()
+        except DeviceError as e:
+            tail = [str(e)]
+        report.sections.append((f"l2vfib-emu log (tail) of {device.dir}", "\n".join(tail)))

@@ -45,6 +45,11 @@ def default_dir():
     return f"/tmp/l2vfib-{os.getuid()}"
 
 
+def fits(directory):
+    """True when the device's socket names in directory fit a socket address."""
+    return len(os.path.abspath(os.fspath(directory))) + 1 + len(_LONGEST_NAME) <= _SUN_PATH
+
+
 def _flags(options):
     """start(**options) as command-line flags: capture="x.pcap" gives
     --capture x.pcap, foreground=True --foreground; False and None give
@@ -97,7 +102,9 @@ class Device:
 
     def __init__(self, dir=None, emu=None):
         self.dir = os.path.abspath(os.fspath(dir)) if dir is not None else default_dir()
-        self.emu = os.fspath(emu) if emu else os.environ.get("L2VFIB_EMU") or shutil.which("l2vfib-emu")
+        emu = os.fspath(emu) if emu else os.environ.get("L2VFIB_EMU") or "l2vfib-emu"
+        # A path stays right whatever the directory a daemon later runs in.
+        self.emu = os.path.abspath(emu) if os.sep in emu else shutil.which(emu)
         self.pid = None  # the device's process while this Device runs it
 
     def __repr__(self):
@@ -115,7 +122,7 @@ class Device:
         --capture x.pcap) and returns once the device answers."""
         if not self.emu:
             raise DeviceError("no l2vfib-emu: give emu=, set $L2VFIB_EMU or put it on PATH")
-        if len(self.dir) + 1 + len(_LONGEST_NAME) > _SUN_PATH:
+        if not fits(self.dir):
             raise DeviceError(f"the device directory {self.dir} is too long for its sockets' names")
         try:
             os.mkdir(self.dir, 0o700)
@@ -124,8 +131,11 @@ class Device:
             pass
         except OSError as e:
             raise DeviceError(f"cannot create the device directory {self.dir}: {e.strerror}") from None
-        done = subprocess.run([self.emu, "start", *_flags(options)], env=self.env, stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, timeout=30, check=False)
+        try:
+            done = subprocess.run([self.emu, "start", *_flags(options)], env=self.env, stdin=subprocess.DEVNULL,
+                                  capture_output=True, text=True, timeout=30, check=False)
+        except OSError as e:
+            raise DeviceError(f"cannot run {self.emu}: {e.strerror}") from None
         if done.returncode != 0:
             raise DeviceError(f"l2vfib-emu start in {self.dir} exited {done.returncode}: "
                               f"{(done.stderr or done.stdout).strip()}")
@@ -148,6 +158,14 @@ class Device:
             while not _gone(self.pid) and time.monotonic() < deadline:
                 time.sleep(0.01)
         self.pid = None
+
+    def answers(self):
+        """True when a device runs in the directory and answers."""
+        try:
+            self.request("status")
+        except DeviceError:
+            return False
+        return True
 
     def died(self):
         """True when the device this Device started has ended without stop()."""

@@ -3,9 +3,11 @@
 Loaded with `-p l2vfib_emu.pytest_plugin`, or by itself once the package is
 installed (its pytest11 entry point). It provides
 
-  l2vfib_device   a started Device in its own directory under the test's
-                  tmp_path, stopped after the test; run a daemon against it
-                  with subprocess and env=l2vfib_device.env
+  l2vfib_device   a started Device in its own directory, tmp_path/device,
+                  stopped after the test; run a daemon against it with
+                  subprocess and env=l2vfib_device.env. (Where that path is
+                  too long for a socket's name, tmp_path/device links to a
+                  short directory in $TMPDIR, removed after the test.)
 
 and the option --l2vfib-emu PATH (else $L2VFIB_EMU, else PATH). A device
 that dies during a test fails that test; a failing test's report has a
@@ -16,13 +18,16 @@ in separate directories (tmp_path is per test) run in parallel, under
 pytest-xdist or as separate pytest runs, without meeting.
 """
 import os
+import shutil
 import subprocess
 import sys
+import tempfile
+import time
 
 import pytest
 
 from . import reaper
-from .device import Device, DeviceError
+from .device import Device, DeviceError, fits
 
 _DEVICE = pytest.StashKey[Device]()
 _REPORTED = pytest.StashKey[bool]()
@@ -53,24 +58,50 @@ def pytest_unconfigure(config):
         proc.wait()
 
 
-def _died_text(device):
-    return f"the emulated device in {device.dir} died during the test (pid {device.pid})"
+def _lost(device):
+    """Why the device this fixture started is lost (it died, or does not
+    answer), or None. A request after a kill fails, so a device killed
+    during the test is lost by the time its report is made."""
+    if device.pid is None or device.answers():
+        return None
+    deadline = time.monotonic() + 1
+    while not device.died() and time.monotonic() < deadline:
+        time.sleep(0.01)
+    what = "died" if device.died() else "stopped answering"
+    return f"the emulated device in {device.dir} {what} during the test (pid {device.pid})"
+
+
+def _device_dir(tmp_path):
+    """tmp_path/device; where that is too long for the device's socket
+    names, a short directory in the temporary directory, which
+    tmp_path/device links to. Returns the directory and whether it is the
+    short one."""
+    device = tmp_path / "device"
+    if fits(device):
+        return device, False
+    short = tempfile.mkdtemp(prefix="l2vfib-")
+    device.symlink_to(short)
+    return short, True
 
 
 @pytest.fixture
 def l2vfib_device(request, tmp_path):
     """A started emulated device in tmp_path/device, stopped after the test."""
-    device = Device(tmp_path / "device", emu=request.config.getoption("l2vfib_emu"))
+    directory, short = _device_dir(tmp_path)
+    if short:
+        request.addfinalizer(lambda: shutil.rmtree(directory, ignore_errors=True))
+    device = Device(directory, emu=request.config.getoption("l2vfib_emu"))
     request.node.stash[_DEVICE] = device
     if device.emu:
         _tell_reaper(request.config, device, "+")
     device.start()
     yield device
-    died = device.died()
+    lost = None if request.node.stash.get(_REPORTED, False) else _lost(device)
+    tail = device.log_tail() if lost else []
     device.stop()
     _tell_reaper(request.config, device, "-")
-    if died and not request.node.stash.get(_REPORTED, False):
-        pytest.fail(_died_text(device) + "; its log's tail:\n" + "\n".join(device.log_tail()), pytrace=False)
+    if lost:
+        pytest.fail(lost + "; its log's tail:\n" + "\n".join(tail), pytrace=False)
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -82,11 +113,12 @@ def pytest_runtest_makereport(item, call):
     device = item.stash.get(_DEVICE, None)
     if device is None:
         return
-    if report.when == "call" and device.died():
+    lost = _lost(device) if report.when == "call" else None
+    if lost:
         item.stash[_REPORTED] = True
         if not report.failed:
             report.outcome = "failed"
-            report.longrepr = _died_text(device)
+            report.longrepr = lost
     if report.failed:
         try:
             tail = device.log_tail()

@@ -7,6 +7,8 @@ import sys
 
 import pytest
 
+from l2vfib_emu import Device
+
 pytest_plugins = ["l2vfib_emu.pytest_plugin"]
 
 PACKAGE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -32,7 +34,7 @@ def send(device, *datagrams):
 @pytest.fixture
 def emu(request):
     """The l2vfib-emu binary the outer session uses."""
-    return request.config.getoption("l2vfib_emu") or os.environ.get("L2VFIB_EMU") or "l2vfib-emu"
+    return Device(emu=request.config.getoption("l2vfib_emu")).emu
 
 
 @pytest.fixture
@@ -43,7 +45,7 @@ def run_pytest(tmp_path, emu):
         folder = tmp_path / name.removesuffix(".py")
         folder.mkdir()
         (folder / name).write_text(text)
-        argv = [sys.executable, "-m", "pytest", "-p", "no:cacheprovider", f"--basetemp={folder}/t",
+        argv = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", f"--rootdir={folder}", f"--basetemp={folder}/t",
                 *(["-p", "l2vfib_emu.pytest_plugin"] if plugin else []), "--l2vfib-emu", emu, str(folder / name)]
         env = dict(os.environ if env is None else env)
         env.setdefault("PYTHONPATH", PACKAGE)

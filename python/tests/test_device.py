@@ -9,16 +9,21 @@ from conftest import pw_add, send
 from l2vfib_emu import Device, DeviceError, WaitTimeout
 
 
+# 100 datagrams of 20 pseudowires each, ids 0 to 1999: more than the device
+# reads in one turn, so a read that did not wait for them all sees fewer.
+BULK = [b"".join(pw_add(id) for id in range(first, first + 20)) for first in range(0, 2000, 20)]
+
+
 def test_reads_what_a_daemon_sent(l2vfib_device):
-    send(l2vfib_device, pw_add(7) + pw_add(8), pw_add(9, sub=2)).close()
-    assert l2vfib_device.count("pw") == 3
-    assert l2vfib_device.count()["pw"] == 3
-    assert [row["key"] for row in l2vfib_device.rows("pw")] == ["7/1", "8/1", "9/2"]
+    send(l2vfib_device, *BULK, pw_add(9, sub=2)).close()
+    assert l2vfib_device.count("pw") == 2001
+    assert l2vfib_device.count()["pw"] == 2001
+    assert [row["key"] for row in l2vfib_device.rows("pw")[8:12]] == ["8/1", "9/1", "9/2", "10/1"]
     assert l2vfib_device.row("pw", (9, 2))["tlv13"]["attr32"] == 1500
-    assert l2vfib_device.row("pw", "9/1") is None
+    assert l2vfib_device.row("pw", "9/3") is None
     counters = l2vfib_device.counters()
-    assert (counters["datagrams"], counters["messages"]) == (2, 3)
-    assert any("pw add id 8 subId 1" in line for line in l2vfib_device.log())
+    assert (counters["datagrams"], counters["messages"]) == (101, 2001)
+    assert any("pw add id 9 subId 2" in line for line in l2vfib_device.log())
 
 
 # One steering command a row: the call, then the table that shows it and
@@ -68,9 +73,11 @@ def test_the_trace_holds_each_datagram_in_and_out(l2vfib_device):
     with l2vfib_device.trace() as records:
         send(l2vfib_device, pw_add(5)).close()
         send(l2vfib_device, b"\x00\x63").close()  # not a message: answered with a failure
-    assert [(r["direction"], r["service"]) for r in records] == [
+        send(l2vfib_device, *BULK).close()
+    assert [(r["direction"], r["service"]) for r in records[:3]] == [
         ("in", "forwarding"), ("in", "forwarding"), ("out", "forwarding")]
     assert records[0]["peer"] != records[1]["peer"] == records[2]["peer"]
+    assert [len(r["messages"]) for r in records[3:]] == [20] * 100
     pw = records[0]["messages"][0]
     assert (pw["objtype"], pw["opcode"], pw["byte7"]) == (3, 5, 8)
     assert pw["items"][0] == (10, bytes.fromhex("00000005 0001 0000"))

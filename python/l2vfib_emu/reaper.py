@@ -7,6 +7,7 @@ even by os._exit or SIGKILL, as a test-timeout plugin may end it), each
 device still listed is sent SIGTERM, then SIGKILL: the pid from its emu.pid,
 and only while that pid still runs the binary named EMU_NAME.
 """
+import contextlib
 import os
 import signal
 import sys
@@ -28,13 +29,15 @@ def _device_pid(directory, name):
 def reap(directories, name, grace=5.0):
     pids = [pid for pid in (_device_pid(d, name) for d in directories) if pid]
     for pid in pids:
-        os.kill(pid, signal.SIGTERM)
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGTERM)
     deadline = time.monotonic() + grace
     while pids and time.monotonic() < deadline:
         time.sleep(0.05)
         pids = [pid for pid in pids if os.path.exists(f"/proc/{pid}")]
     for pid in pids:
-        os.kill(pid, signal.SIGKILL)
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
 
 
 def main():

@@ -136,6 +136,8 @@ class Device:
                                   capture_output=True, text=True, timeout=30, check=False)
         except OSError as e:
             raise DeviceError(f"cannot run {self.emu}: {e.strerror}") from None
+        except subprocess.TimeoutExpired:
+            raise DeviceError(f"l2vfib-emu start in {self.dir} did not return within 30 s") from None
         if done.returncode != 0:
             raise DeviceError(f"l2vfib-emu start in {self.dir} exited {done.returncode}: "
                               f"{(done.stderr or done.stdout).strip()}")
@@ -153,7 +155,8 @@ class Device:
             except subprocess.TimeoutExpired:
                 pass  # a device that does not answer: killed below
         if self.pid is not None and not _gone(self.pid):
-            os.kill(self.pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(self.pid, signal.SIGKILL)
             deadline = time.monotonic() + 5
             while not _gone(self.pid) and time.monotonic() < deadline:
                 time.sleep(0.01)

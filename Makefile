@@ -55,13 +55,18 @@ demo: build
 
 test: test-plain test-asan
 
+# pytest's own count for each ctest that runs pytest, from ctest's log.
+PYTEST_COUNTS = awk '/^[0-9]+\/[0-9]+ Test: / {name = $$3} \
+	/^[0-9]+ (passed|failed|skipped|error)(, [0-9]+ [a-z]+)* in [0-9.]+s/ {print "pytest " name ": " $$0}' \
+	Testing/Temporary/LastTest.log
+
 test-plain: build
-	cd build && $(CTEST) --output-on-failure -j$(JOBS)
+	cd build && $(CTEST) --output-on-failure -j$(JOBS) && $(PYTEST_COUNTS)
 
 test-asan: deps
 	$(CMAKE) -S . -B build-asan $(DEV) -DL2VFIB_SANITIZE=ON -DL2VFIB_EXAMPLES=OFF
 	$(CMAKE) --build build-asan -j$(JOBS)
-	cd build-asan && $(CTEST) --output-on-failure -j$(JOBS)
+	cd build-asan && $(CTEST) --output-on-failure -j$(JOBS) && $(PYTEST_COUNTS)
 
 test-cross: deps-cross
 	@set -e; for arch in $(CROSS_ARCHES); do \

@@ -1,7 +1,7 @@
 #!/bin/sh
 # make demo: the example daemon against the emulated device, in a fresh
-# device directory, leaving nothing running. The tests run each example
-# daemon (C and C++) the same way.
+# device directory, leaving nothing running. (The tests run each example
+# daemon through examples/test_fib_daemon.py.)
 # Usage: demo.sh BUILD_DIR [DAEMON]    DAEMON: default BUILD_DIR/examples/fib_daemon
 set -eu
 build=${1:-build}

@@ -5,7 +5,7 @@ set -eu
 packages=""
 for group in "$@"; do
     case $group in
-    base) packages="$packages cmake make g++ gcc pkg-config binutils libgtest-dev libgmock-dev googletest libcli11-dev nlohmann-json3-dev libfmt-dev libpcap-dev tshark python3" ;;
+    base) packages="$packages cmake make g++ gcc pkg-config binutils libgtest-dev libgmock-dev googletest libcli11-dev nlohmann-json3-dev libfmt-dev libpcap-dev tshark python3 python3-pytest" ;;
     cross) packages="$packages g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user googletest" ;;
     fuzz) packages="$packages clang libclang-rt-dev" ;;
     bench) packages="$packages libbenchmark-dev libmnl-dev valgrind" ;;

@@ -25,6 +25,12 @@ NAME is the file, relative to SOURCE_DIR, and the line of the opening fence
                     itself, the test starts one there first. The last whole C
                     program above the block in its file is there as daemon.c.
   ```sh norun       checked with sh -n only: a command line the test cannot run.
+  ```python         a whole pytest test file, run with pytest (pytest-3 or
+                    pytest on PATH) and the l2vfib_emu plugin of python/
+                    against the build's l2vfib-emu, from a scratch directory
+                    that links the source tree's entries as for sh; it must
+                    pass within SHELL_SECONDS.
+  ```python norun   compiled only: Python the test cannot run.
 
 A fence with no language or another one is an error: its test fails.
 """
@@ -32,6 +38,7 @@ import argparse
 import os
 import re
 import shlex
+import shutil
 import signal
 import subprocess
 import sys
@@ -40,7 +47,7 @@ import tempfile
 RUN_SECONDS = 20
 SHELL_SECONDS = 60
 TOOLS = re.compile(r"\bl2vfib-(emu|decode)\b")
-KINDS = {"c": ("", "fragment"), "cpp": ("", "fragment"), "sh": ("", "norun")}
+KINDS = {"c": ("", "fragment"), "cpp": ("", "fragment"), "sh": ("", "norun"), "python": ("", "norun")}
 
 FRAME = """\
 #include <l2vfib.h>
@@ -98,7 +105,7 @@ def blocks(source, path):
         if i > len(lines):
             error = "fence never closed"
         elif language not in KINDS:
-            error = f"fence language '{language}': a block is c, cpp or sh"
+            error = f"fence language '{language}': a block is c, cpp, sh or python"
         elif marker not in KINDS[language]:
             error = f"marker '{marker}' on a {language} block: only " + \
                 " or ".join(repr(k) for k in KINDS[language] if k)
@@ -183,14 +190,39 @@ def run_program(args, language, marker, line, body, scratch):
     return 0
 
 
-def run_shell(args, marker, line, body, scratch):
-    if marker == "norun" or not TOOLS.search(body):
-        return run(["sh", "-n", "-c", body], 10, shown="sh -n BLOCK")
-    # The project's relative paths as the block's reader has them.
+def link_tree(args, scratch):
+    """The project's relative paths as the block's reader has them."""
     for entry in os.listdir(args.source):
         if not entry.startswith("build") and not entry.startswith("."):
             os.symlink(os.path.join(args.source, entry), os.path.join(scratch, entry))
     os.symlink(args.build, os.path.join(scratch, "build"))
+
+
+def run_python(args, marker, line, body, scratch):
+    rel = args.name.rsplit(":", 1)[0]
+    if marker == "norun":
+        compile("\n" * (line - 1) + body, rel, "exec")
+        return 0
+    pytest = shutil.which("pytest-3") or shutil.which("pytest")
+    if pytest is None:
+        sys.exit(f"{args.name}: no pytest to run the block (scripts/install-deps.sh base installs it)")
+    link_tree(args, scratch)
+    test = os.path.join(scratch, "test_block.py")
+    with open(test, "w", encoding="utf-8") as f:
+        f.write("\n" * (line - 1) + body)  # its lines as the document numbers them
+    env = dict(os.environ, PYTHONPATH=os.path.join(args.source, "python"), PYTHONDONTWRITEBYTECODE="1",
+               TMPDIR=scratch)
+    status = run([pytest, "-p", "no:cacheprovider", "-p", "l2vfib_emu.pytest_plugin", "--l2vfib-emu", args.emu,
+                  f"--basetemp={scratch}/t", test], SHELL_SECONDS, cwd=scratch, env=env)
+    if status != 0:
+        raise SystemExit(f"{args.name}: pytest " + ("did not end in time" if status == -1 else f"exited {status}"))
+    return 0
+
+
+def run_shell(args, marker, line, body, scratch):
+    if marker == "norun" or not TOOLS.search(body):
+        return run(["sh", "-n", "-c", body], 10, shown="sh -n BLOCK")
+    link_tree(args, scratch)
     programs = [b for b in blocks(args.source, os.path.join(args.source, args.name.rsplit(":", 1)[0]))
                 if b[1] == "c" and b[2] == "" and b[3] < line]
     if programs:
@@ -234,6 +266,8 @@ def main():
     with tempfile.TemporaryDirectory(prefix="l2vfib-doc.") as scratch:
         if language == "sh":
             return run_shell(args, marker, line, body, scratch)
+        if language == "python":
+            return run_python(args, marker, line, body, scratch)
         return run_program(args, language, marker, line, body, scratch)
 
 

@@ -82,9 +82,10 @@ std::string Formats() {
     }
     out += "}\n\nlocal FORMAT = {\n";
     for (const detail::Format &f : detail::Formats()) {
-        out += fmt::format("    {{ channel = {}, head = {}{}{}{}, kind = {}, name = {}{}{},\n", Quote(dec::ChannelName(f.channel)),
-                           f.headSize, Fixed("objtype", f.objType), Fixed("opcode", f.opcode), Fixed("first", f.first),
-                           Quote(dec::KindName(f.kind)), Quote(f.name), Fixed("tag", f.tag), Fixed("byte7", f.byte7));
+        out += fmt::format("    {{ channel = {}, head = {}{}{}{}, kind = {}, name = {}{}{},\n",
+                           Quote(dec::ChannelName(f.channel)), f.headSize, Fixed("objtype", f.objType),
+                           Fixed("opcode", f.opcode), Fixed("first", f.first), Quote(dec::KindName(f.kind)),
+                           Quote(f.name), Fixed("tag", f.tag), Fixed("byte7", f.byte7));
         out += fmt::format("      slots = {}, key = {}, rule = {}, family = {} }},\n", Slots(f.slots), f.keyType,
                            Quote(detail::RuleName(f.rule)), Quote(detail::FamilyName(f.family)));
     }

@@ -65,7 +65,8 @@ std::string Render(const Message &m) {
     std::string line = m.name;
     if (!m.key.empty()) line += " " + Fields(m.key);
     if (m.kind == Kind::kEvent || m.tag != 0) line += fmt::format(" tag {}", m.tag);
-    if (const detail::KindInfo *k = FindKind(m.kind); k != nullptr && k->showsByte7) line += fmt::format(" byte7 {}", m.byte7);
+    const detail::KindInfo *kind = FindKind(m.kind);
+    if (kind != nullptr && kind->showsByte7) line += fmt::format(" byte7 {}", m.byte7);
     bool keyShown = m.key.empty();
     for (const Item &item : m.items) {
         // The key item is already shown in front.

@@ -167,9 +167,10 @@ bool ShowRecord(int link, std::span<const uint8_t> packet, size_t n, const Optio
     }
     if (link > DLT_USER0 && link <= DLT_USER15) return Show(packet, o.channel, o, prefix, std::move(json));
     std::span<const uint8_t> ip;
-    if (link == DLT_RAW || link == DLT_IPV4) ip = packet;
-    else if (link == DLT_EN10MB && packet.size() >= 14 && packet[12] == 0x08 && packet[13] == 0x00) ip = packet.subspan(14);
-    else if (link == DLT_LINUX_SLL && packet.size() >= 16 && packet[14] == 0x08 && packet[15] == 0x00) ip = packet.subspan(16);
+    // IPv4 alone, or behind an Ethernet or a Linux cooked header.
+    const size_t ipAt = link == DLT_EN10MB ? 14 : link == DLT_LINUX_SLL ? 16 : 0;
+    if (ipAt == 0) ip = packet;
+    else if (packet.size() >= ipAt && packet[ipAt - 2] == 0x08 && packet[ipAt - 1] == 0x00) ip = packet.subspan(ipAt);
     // Packets that are not UDP to or from a service are passed over.
     if (const auto udp = Udp(ip)) return Show(udp->first, udp->second, o, prefix, std::move(json));
     return true;

@@ -16,6 +16,7 @@ must report no malformed packet and no Lua error.
 import argparse
 import json
 import os
+import random
 import struct
 import subprocess
 import sys
@@ -76,6 +77,42 @@ def write_pcap(path, records):
         f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65536, 147))
         for data in records:
             f.write(struct.pack("<IIII", 0, 0, len(data), len(data)) + data)
+
+
+def read_pcap(path):
+    """The records of a capture."""
+    with open(path, "rb") as f:
+        data = f.read()
+    pos, records = 24, []
+    while pos + 16 <= len(data):
+        size = struct.unpack("<I", data[pos + 8:pos + 12])[0]
+        records.append(data[pos + 16:pos + 16 + size])
+        pos += 16 + size
+    return records
+
+
+def mutate(captures, path, count=4000, seed=23):
+    """The captures' datagrams, a kind of message as often as another (the
+    direction, object type, opcode and first item), each with a byte or two
+    overwritten, dropped or added after the pseudo-header; as one capture."""
+    kinds = {}
+    for capture in captures:
+        for r in read_pcap(capture):
+            if 8 < len(r) <= 600:
+                kinds.setdefault((r[:2], r[8:12], r[14:16], r[16:18]), []).append(r)
+    rng, records = random.Random(seed), []
+    for _ in range(count):
+        r = bytearray(rng.choice(rng.choice(list(kinds.values()))))
+        for _ in range(rng.randint(1, 3)):
+            at, what = rng.randrange(8, len(r) + 1), rng.randrange(3)
+            if what == 0 and at < len(r):
+                r[at] = rng.choice([0, 1, 0xFF, rng.randrange(256)])
+            elif what == 1 and at < len(r):
+                del r[at]
+            else:
+                r.insert(at, rng.randrange(256))
+        records.append(bytes(r))
+    write_pcap(path, records)
 
 
 # --- tshark's side ---------------------------------------------------------
@@ -282,6 +319,13 @@ def main():
             print(f"{len(captures)} captures, {total} messages read alike")
             if total == 0:
                 problems.append("no message captured")
+            corrupted = os.path.join(work, "corrupted.pcap")
+            mutate(captures, corrupted)
+            dec = decoded(args, corrupted)
+            faulty = sum("error" in d for d in dec.values())
+            messages, found = agree(args, corrupted)
+            problems += found
+            print(f"corrupted datagrams: {faulty} of {len(dec)} with a fault, {messages} messages read alike")
         else:
             capture = os.path.join(work, "faults.pcap")
             write_pcap(capture, [bytes([d, s, 0, 0, 0, 0, 0, 0]) + bytes.fromhex(h) for s, d, h, _, _ in FAULT_ROWS])

@@ -1,7 +1,9 @@
 // Splitting datagrams into messages, telling each message's format by its
-// object type, opcode and first item, and checking its items against the
-// format. The formats are tables: a message format is a list of item slots
-// (type, how often), an item format one layout line (internal.h).
+// direction, object type, opcode and first item, and checking the message
+// against it. The formats are the rows of tables.cpp: a message format is
+// fixed header fields, a list of item slots (type, how often) and a rule
+// across items, an item format one layout line (internal.h); this file is
+// the engine that reads them, as the dissector's Lua engine does.
 //
 //   datagram:  | message | message | ... |      each: | head | items |
 //   message:   head 8 bytes (12: AC flag, AC query, AC data answer)
@@ -14,7 +16,6 @@
 //   | len L    | len P    |                        |
 //   +----------+----------+-----------------------+
 #include <algorithm>
-#include <array>
 
 #include <fmt/format.h>
 

@@ -6,7 +6,8 @@
 //   l2vfib-decode --pcap trace.pcap
 //
 // One line per message. Exit status: 0 every datagram decoded; 1 a datagram
-// had a fault, a line of stdin was not hex, the capture could not be read
+// had a fault, stdin had a line not in hex or could not be read, the capture
+// could not be read
 // or is cut short (said on stderr after what was whole); 2 usage.
 #include <charconv>
 #include <cstdio>
@@ -239,6 +240,10 @@ int ReadHex(const std::vector<std::string> &hex, const Options &o) {
             continue;
         }
         ok = Show(*bytes, o.channel, o, "") && ok;
+    }
+    if (std::cin.bad() || std::ferror(stdin) != 0) {
+        std::cerr << fmt::format("l2vfib-decode: stdin cannot be read after line {}\n", number);
+        return kFailed;
     }
     return ok ? kDecoded : kFailed;
 }

@@ -7,8 +7,8 @@
 //
 // One line per message. Exit status: 0 every datagram decoded; 1 a datagram
 // had a fault, stdin had a line not in hex or could not be read, the capture
-// could not be read
-// or is cut short (said on stderr after what was whole); 2 usage.
+// could not be read or is cut short (said on stderr after what was whole);
+// 2 usage.
 #include <charconv>
 #include <cstdio>
 #include <iostream>

@@ -27,11 +27,11 @@ std::string Fields(const std::vector<Field> &fields) {
     return out;
 }
 
-// Kinds whose header byte 7 the daemon chooses.
-bool ShowsByte7(Kind kind) {
-    return kind == Kind::kPw || kind == Kind::kMinM || kind == Kind::kOverlayTunnel || kind == Kind::kTunnelIfDel ||
-           kind == Kind::kEbgMember ||
-           kind == Kind::kMplsEbgMember || kind == Kind::kEbgDf;
+const detail::KindInfo *FindKind(Kind kind) {
+    for (const detail::KindInfo &k : detail::Kinds()) {
+        if (k.kind == kind) return &k;
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -65,7 +65,8 @@ std::string Render(const Message &m) {
     std::string line = m.name;
     if (!m.key.empty()) line += " " + Fields(m.key);
     if (m.kind == Kind::kEvent || m.tag != 0) line += fmt::format(" tag {}", m.tag);
-    if (ShowsByte7(m.kind)) line += fmt::format(" byte7 {}", m.byte7);
+    const detail::KindInfo *kind = FindKind(m.kind);
+    if (kind != nullptr && kind->showsByte7) line += fmt::format(" byte7 {}", m.byte7);
     bool keyShown = m.key.empty();
     for (const Item &item : m.items) {
         // The key item is already shown in front.
@@ -171,30 +172,8 @@ std::string_view ErrcName(Errc code) {
 }
 
 std::string_view KindName(Kind kind) {
-    switch (kind) {
-        case Kind::kCatalogue: return "cfg";
-        case Kind::kPw: return "pw";
-        case Kind::kMinM: return "minm";
-        case Kind::kAc: return "ac";
-        case Kind::kAcFlag: return "ac-flag";
-        case Kind::kAcQuery: return "ac-data-query";
-        case Kind::kMacWithdraw: return "mac-withdraw";
-        case Kind::kMacReset: return "mac-reset";
-        case Kind::kGrEvent: return "gr-event";
-        case Kind::kOverlayTunnel: return "tunnel";
-        case Kind::kTunnelIfDel: return "tunnel-if";
-        case Kind::kEbgMember: return "ebg-member";
-        case Kind::kMplsEbgMember: return "mpls-ebg-member";
-        case Kind::kEbgDf: return "ebg-df";
-        case Kind::kEventChannel: return "evt-channel";
-        case Kind::kEventReg: return "evt-reg";
-        case Kind::kReply: return "reply";
-        case Kind::kNotice: return "notice";
-        case Kind::kAcDataAnswer: return "ac-data-answer";
-        case Kind::kEvent: return "event";
-        case Kind::kControl: return "control";
-    }
-    return "?";
+    const detail::KindInfo *k = FindKind(kind);
+    return k != nullptr ? k->name : "?";
 }
 
 namespace {

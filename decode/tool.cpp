@@ -5,8 +5,11 @@
 //   l2vfib-decode --channel from-event --json < datagrams.txt
 //   l2vfib-decode --pcap trace.pcap
 //
-// One line per message; exit status 1 when any datagram had a fault, 2 for
-// unreadable input.
+// One line per message. Exit status: 0 every datagram decoded; 1 a datagram
+// had a fault, stdin had a line not in hex or could not be read, the capture
+// could not be read or is cut short (said on stderr after what was whole);
+// 2 usage.
+#include <charconv>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -23,12 +26,30 @@ namespace dec = l2vfib::decode;
 
 namespace {
 
+constexpr int kDecoded = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
 struct Options {
     dec::Channel channel = dec::Channel::kToService;
     bool json = false;
-    uint32_t control = 0;
+    std::optional<uint32_t> control;  // decode a control call's input
     bool answer = false;
 };
+
+// A control code: decimal or 0x hex, without sign, space or trailing text,
+// up to 0xffffffff.
+std::optional<uint32_t> ParseCode(std::string_view text) {
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        base = 16;
+        text.remove_prefix(2);
+    }
+    uint32_t value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
 
 // Prints one datagram's messages; false when it had a fault.
 // With --json and a capture, each datagram's object also names its record
@@ -36,7 +57,7 @@ struct Options {
 bool Show(std::span<const uint8_t> datagram, dec::Channel channel, const Options &o, const std::string &prefix,
           nlohmann::json json = nlohmann::json::object()) {
     const dec::Decoded d =
-        o.control != 0 ? dec::DecodeControl(o.control, datagram, o.answer) : dec::Decode(datagram, channel);
+        o.control ? dec::DecodeControl(*o.control, datagram, o.answer) : dec::Decode(datagram, channel);
     if (o.json) {
         json.update(dec::ToJson(d));
         if (!json.contains("channel")) json["channel"] = dec::ChannelName(channel);
@@ -126,53 +147,105 @@ bool ShowControl(std::span<const uint8_t> d, const Options &o, const std::string
 // Link types USER1 to USER15 hold the bare datagram (its direction from
 // --channel); raw IPv4, Ethernet and Linux cooked captures hold UDP, whose
 // port gives the direction.
+// One record of a capture of link type link; false when it had a fault.
+bool ShowRecord(int link, std::span<const uint8_t> packet, size_t n, const Options &o) {
+    const std::string prefix = fmt::format("{}: ", n);
+    nlohmann::json json = {{"frame", n}};
+    if (link == DLT_USER0) {
+        if (packet.size() < 8 || packet[0] > 1 || packet[1] > 2) {
+            const char *text = "capture record without its pseudo-header";
+            json["error"] = {{"code", "pseudo-header"}, {"offset", 0}, {"text", text}};
+            if (o.json) std::cout << json.dump() << '\n';
+            else std::cout << prefix << "error: " << text << '\n';
+            return false;
+        }
+        const bool from = packet[0] == 1;
+        const auto datagram = packet.subspan(8);
+        if (packet[1] == 2) return ShowControl(datagram, o, prefix + (from ? "< " : "> "), std::move(json));
+        const dec::Channel channel = packet[1] == 0 ? (from ? dec::Channel::kFromService : dec::Channel::kToService)
+                                                    : (from ? dec::Channel::kFromEvent : dec::Channel::kToEvent);
+        return Show(datagram, channel, o, prefix + (from ? "< " : "> "), std::move(json));
+    }
+    if (link > DLT_USER0 && link <= DLT_USER15) return Show(packet, o.channel, o, prefix, std::move(json));
+    std::span<const uint8_t> ip;
+    // IPv4 alone, or behind an Ethernet or a Linux cooked header.
+    const size_t ipAt = link == DLT_EN10MB ? 14 : link == DLT_LINUX_SLL ? 16 : 0;
+    if (ipAt == 0) ip = packet;
+    else if (packet.size() >= ipAt && packet[ipAt - 2] == 0x08 && packet[ipAt - 1] == 0x00) ip = packet.subspan(ipAt);
+    // Packets that are not UDP to or from a service are passed over.
+    if (const auto udp = Udp(ip)) return Show(udp->first, udp->second, o, prefix, std::move(json));
+    return true;
+}
+
+bool ReadableLink(int link) {
+    return (link >= DLT_USER0 && link <= DLT_USER15) || link == DLT_RAW || link == DLT_IPV4 || link == DLT_EN10MB ||
+           link == DLT_LINUX_SLL;
+}
+
+// Every record of the capture: kDecoded, or kFailed when a datagram had a
+// fault or the capture cannot be read whole (said on stderr, after the
+// records that were whole).
 int ReadPcap(const std::string &path, const Options &o) {
     char err[PCAP_ERRBUF_SIZE] = {};
     pcap_t *p = pcap_open_offline(path.c_str(), err);
     if (p == nullptr) {
         std::cerr << "l2vfib-decode: " << err << '\n';
-        return 2;
+        return kFailed;
     }
     const int link = pcap_datalink(p);
+    if (!ReadableLink(link)) {
+        std::cerr << fmt::format("l2vfib-decode: {}: link type {} holds no datagrams of the services\n", path, link);
+        pcap_close(p);
+        return kFailed;
+    }
     bool ok = true;
     pcap_pkthdr *head = nullptr;
     const u_char *data = nullptr;
-    for (size_t n = 1; pcap_next_ex(p, &head, &data) == 1; ++n) {
-        std::span<const uint8_t> packet(data, head->caplen);
-        const std::string prefix = fmt::format("{}: ", n);
-        nlohmann::json json = {{"frame", n}};
-        if (link == DLT_USER0) {
-            if (packet.size() < 8 || packet[0] > 1 || packet[1] > 2) {
-                const char *text = "capture record without its pseudo-header";
-                json["error"] = {{"code", "pseudo-header"}, {"offset", 0}, {"text", text}};
-                if (o.json) std::cout << json.dump() << '\n';
-                else std::cout << prefix << "error: " << text << '\n';
-                ok = false;
-                continue;
-            }
-            const bool from = packet[0] == 1;
-            const auto datagram = packet.subspan(8);
-            if (packet[1] == 2) {
-                ok = ShowControl(datagram, o, prefix + (from ? "< " : "> "), std::move(json)) && ok;
-                continue;
-            }
-            const dec::Channel channel = packet[1] == 0 ? (from ? dec::Channel::kFromService : dec::Channel::kToService)
-                                                        : (from ? dec::Channel::kFromEvent : dec::Channel::kToEvent);
-            ok = Show(datagram, channel, o, prefix + (from ? "< " : "> "), std::move(json)) && ok;
-            continue;
-        }
-        if (link > DLT_USER0 && link <= DLT_USER15) {
-            ok = Show(packet, o.channel, o, prefix, std::move(json)) && ok;
-            continue;
-        }
-        std::span<const uint8_t> ip;
-        if (link == DLT_RAW || link == DLT_IPV4) ip = packet;
-        else if (link == DLT_EN10MB && packet.size() >= 14 && packet[12] == 0x08 && packet[13] == 0x00) ip = packet.subspan(14);
-        else if (link == DLT_LINUX_SLL && packet.size() >= 16 && packet[14] == 0x08 && packet[15] == 0x00) ip = packet.subspan(16);
-        if (const auto udp = Udp(ip)) ok = Show(udp->first, udp->second, o, prefix, std::move(json)) && ok;
+    size_t n = 1;
+    int got = 0;
+    for (; (got = pcap_next_ex(p, &head, &data)) == 1; ++n) {
+        ok = ShowRecord(link, std::span<const uint8_t>(data, head->caplen), n, o) && ok;
+    }
+    if (got == PCAP_ERROR) {
+        std::cout.flush();
+        std::cerr << fmt::format("l2vfib-decode: {}: record {}: {}\n", path, n, pcap_geterr(p));
+        ok = false;
     }
     pcap_close(p);
-    return ok ? 0 : 1;
+    return ok ? kDecoded : kFailed;
+}
+
+// The datagrams of the hex arguments, or of stdin's lines.
+int ReadHex(const std::vector<std::string> &hex, const Options &o) {
+    if (!hex.empty()) {
+        std::string joined;
+        for (const std::string &h : hex) joined += h + " ";
+        const auto bytes = dec::ParseHex(joined);
+        if (!bytes) {
+            std::cerr << "l2vfib-decode: not a datagram in hex: " << joined << '\n';
+            return kUsage;
+        }
+        return Show(*bytes, o.channel, o, "") ? kDecoded : kFailed;
+    }
+    bool ok = true;
+    size_t number = 0;
+    for (std::string line; std::getline(std::cin, line);) {
+        ++number;
+        if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#') continue;
+        const auto bytes = dec::ParseHex(line);
+        if (!bytes) {
+            std::cout.flush();
+            std::cerr << fmt::format("l2vfib-decode: line {}: not a datagram in hex\n", number);
+            ok = false;
+            continue;
+        }
+        ok = Show(*bytes, o.channel, o, "") && ok;
+    }
+    if (std::cin.bad() || std::ferror(stdin) != 0) {
+        std::cerr << fmt::format("l2vfib-decode: stdin cannot be read after line {}\n", number);
+        return kFailed;
+    }
+    return ok ? kDecoded : kFailed;
 }
 
 }  // namespace
@@ -181,38 +254,34 @@ int main(int argc, char **argv) {
     CLI::App app{"Decodes the datagrams of the layer-2 forwarding table services, one message a line."};
     Options o;
     std::string channel = "to-service";
+    std::string code;
     std::string pcapPath;
     std::vector<std::string> hex;
     app.add_option("--channel,-c", channel, "to-service, from-service, to-event or from-event")
         ->check(CLI::IsMember({"to-service", "from-service", "to-event", "from-event"}));
     app.add_flag("--json,-j", o.json, "one JSON object per datagram");
-    app.add_option("--control", o.control, "decode a control call's input for this control code (0x440005, ...)");
-    app.add_flag("--answer", o.answer, "with --control: decode the call's answer instead");
-    app.add_option("--pcap", pcapPath, "read the datagrams of a pcap capture");
-    app.add_option("hex", hex, "one datagram in hex; without it, one datagram per line on stdin");
-    CLI11_PARSE(app, argc, argv);
+    auto *control =
+        app.add_option("--control", code, "decode a control call's input for this control code (0x440005, ...)");
+    app.add_flag("--answer", o.answer, "with --control: decode the call's answer instead")->needs(control);
+    auto *pcap = app.add_option("--pcap", pcapPath, "read the datagrams of a pcap capture")->excludes(control);
+    app.add_option("hex", hex, "one datagram in hex; without it, one datagram per line on stdin")->excludes(pcap);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        return app.exit(e) == 0 ? kDecoded : kUsage;
+    }
     o.channel = *dec::ParseChannel(channel);
-
-    if (!pcapPath.empty()) return ReadPcap(pcapPath, o);
-    std::vector<std::string> datagrams;
-    if (!hex.empty()) {
-        std::string joined;
-        for (const std::string &h : hex) joined += h + " ";
-        datagrams.push_back(joined);
-    } else {
-        for (std::string line; std::getline(std::cin, line);) {
-            if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#') continue;
-            datagrams.push_back(line);
+    if (control->count() != 0) {
+        o.control = ParseCode(code);
+        if (!o.control) {
+            std::cerr << "l2vfib-decode: --control: not a control code from 0 to 0xffffffff: " << code << '\n';
+            return kUsage;
         }
     }
-    bool ok = true;
-    for (const std::string &text : datagrams) {
-        const auto bytes = dec::ParseHex(text);
-        if (!bytes) {
-            std::cerr << "l2vfib-decode: not hex: " << text << '\n';
-            return 2;
-        }
-        ok = Show(*bytes, o.channel, o, "") && ok;
+    const int status = pcap->count() != 0 ? ReadPcap(pcapPath, o) : ReadHex(hex, o);
+    if (!std::cout.flush()) {
+        std::cerr << "l2vfib-decode: cannot write the output\n";
+        return kFailed;
     }
-    return ok ? 0 : 1;
+    return status;
 }

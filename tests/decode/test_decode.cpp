@@ -117,6 +117,8 @@ const Row kRows[] = {
         " | 00 8e 00 04 00 00 00 09",
      OK, "cfg 41 value 9 | 141 word0 1 half0 2 half1 3 word1 4"},
     {S, "00 01 00 0c 00 00 17 08 | 00 0a 00 08 " KEY7, OK, "cfg 22 id 7 subId 1"},
+    // Codes of one first item are told apart by the items that follow it.
+    {S, "00 1c 00 0c 00 00 01 08 | 00 b5 00 04 00 00 00 01 | 00 b7 00 00", OK, "cfg 44 value 1 | 183"},
     {S, "00 06 00 0c 00 00 17 08 | 00 14 00 08 " KEY7, OK, "cfg 23 id 7 subId 1"},
     {S, "00 01 00 80 00 00 05 08 | 00 20 00 04 00 00 00 01 | 00 21 00 74 00 00 00 01 00 00 00 02 00 00 00 03"
         " 00 04 05 06 00 00 00 07 65 74 68 30 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
@@ -178,6 +180,9 @@ const Row kRows[] = {
     {S, "00 03 00 0c 00 00 06 03 | 00 0a 00 08 " KEY7, Errc::kUnknownOpcode,
      "type 3 op 6 | 10 0000000700010000 ! unknown opcode 6 for object type 3 at offset 6"},
     {S, "00 03 00 00 00 00 07 03", Errc::kMissingItem, "pw del byte7 3 ! missing item 10 in pw del at offset 0"},
+    {S, "00 01 00 00 00 00 17 08", Errc::kMissingItem,
+     "cfg type 1 op 23 ! missing item 10 or 32 in cfg type 1 op 23 at offset 0"},
+    {FS, "00 01 00 00 00 00 01 08", Errc::kMissingItem, "reply ! missing item 36, 37 or 184 in reply at offset 0"},
     {S, "00 0c 00 50 00 00 05 02 | 00 28 00 08 " KEY7 " | 00 29 00 40 00 00 00 01 00 00 00 02 00 00 00 03"
         " 00 00 00 02 00 00 00 05 00 11 22 33 44 55 66 77 88 99 aa bb 02 00 00 00 00 01 00 00 " DE24,
      Errc::kMissingItem,
@@ -194,7 +199,7 @@ const Row kRows[] = {
     {S, "00 01 00 08 00 00 01 08 | 00 1f 00 04 00 00 00 05", Errc::kUnexpectedItem,
      "cfg type 1 op 1 | 31 00000005 ! unexpected item 31 in cfg type 1 op 1 at offset 8"},
     {FS, "00 01 00 08 00 00 01 08 | 00 26 00 04 00 00 00 00", Errc::kUnexpectedItem,
-     "reply | 38 00000000 ! unknown item 38 at offset 8"},
+     "reply | 38 00000000 ! unexpected item 38 in reply at offset 8"},
     {S, "00 09 00 0a 00 00 00 08 | 00 0a 00 06 00 00 00 07 00 01", Errc::kBadItemLength,
      "mac-withdraw | 10 000000070001 ! item 10 length 6 (expected 8) at offset 8"},
     {S, "00 03 00 24 00 00 05 03 | 00 0a 00 08 " KEY7 " | 00 0d 00 14 " FF8 FF8 "ff ff ff ff", Errc::kBadItemLength,
@@ -211,6 +216,8 @@ const Row kRows[] = {
     {S, "00 01 00 08 00 00 01 09 | 00 64 00 04 00 00 00 07", Errc::kBadValue,
      "cfg 18 | 100 00000007 ! byte7 9 in cfg 18, not 8, at offset 7"},
     {S, "00 07 00 00 00 05 03 08", Errc::kBadValue, "type 7 op 3 tag 5 ! tag 5 not 0 at offset 4"},
+    {S, "00 10 00 04 00 03 11 01 00 00 00 00 | 00 0d 00 00", Errc::kBadValue,
+     "type 16 op 17 tag 3 | 13 ! byte7 1 not 0 at offset 7"},
     {S, "00 07 00 00 00 00 03 05", Errc::kBadValue, "gr-event 3 ! byte7 5 in gr-event 3, not 8, at offset 7"},
     {E, "00 15 00 00 00 00 05 00", Errc::kUnknownObjectType, "type 21 op 5 ! unknown object type 21 at offset 0"},
     {FS, "00 00 00 10 00 00 00 00 | 00 24 00 04 00 00 00 07 | 00 25 00 04 00 00 00 00", Errc::kUnexpectedItem,

@@ -61,6 +61,7 @@ void PutList(Items &items, uint32_t type, const L2VFIB_HalfPair *list, uint16_t 
     if (list == nullptr) return;
     uint8_t *at = items.InPlace(type, 4 * uint32_t{count});
     if (at == nullptr) return;
+#pragma GCC unroll 4
     for (uint32_t i = 0; i < count; ++i, at += 4) {
         l2vfib::PutBe16(at, list[i].half0);
         l2vfib::PutBe16(at + 2, list[i].half1);

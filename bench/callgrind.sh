@@ -2,7 +2,10 @@
 # Counts the instructions of every benchmark case under callgrind and prints
 # one table: instructions per message for the library, libmnl and the copy
 # limit, their ratios, and the sends per message of the library against the
-# limit's. Each call is measured through the C function and through the C++
+# limit's. libmnl is measured twice: as a daemon uses it, converting the
+# same host-order records (the baseline), and, in the columns marked
+# "ready", handed its values ready in network order (the baseline before;
+# kept for one release). Each call is measured through the C function and through the C++
 # face (the row named with _cpp behind); a second table sets the two side by
 # side.
 #
@@ -32,24 +35,26 @@ for name in $("$bin" --cases); do
     per=$1
     n=$((calls / per))
     [ "$n" -ge 10 ] || n=10
-    echo "$name $per $n $(count "$name" l2vfib $n) $(count "$name" libmnl $n) $(count "$name" limit $n)"
+    echo "$name $per $n $(count "$name" l2vfib $n) $(count "$name" libmnl $n)" \
+        "$(count "$name" libmnl_ready $n) $(count "$name" limit $n)"
 done > "$work/rows"
 
 awk '
 function r(a, b) { return b > 0 ? sprintf("%.2f", a / b) : "-" }
 function s(x) { return x > 0 ? sprintf("%.4f", x) : "-" }
 BEGIN {
-    printf "%-20s %5s %9s %9s %9s %8s %8s %9s %9s\n", "case", "msg/c", "l2vfib", "libmnl",
-        "limit", "/libmnl", "/limit", "sends/msg", "limit"
-    printf "%-20s %5s %9s %9s %9s %8s %8s %9s %9s\n", "", "", "instr/msg", "instr/msg",
-        "instr/msg", "", "", "l2vfib", "sends/msg"
+    f = "%-20s %5s %9s %9s %9s %9s %8s %8s %8s %9s %9s\n"
+    printf f, "case", "msg/c", "l2vfib", "libmnl", "libmnl", "limit", "/libmnl", "/libmnl",
+        "/limit", "sends/msg", "limit"
+    printf f, "", "", "", "", "ready", "", "", "ready", "", "l2vfib", "sends/msg"
+    printf f, "", "", "instr/msg", "instr/msg", "instr/msg", "instr/msg", "", "", "", "", ""
 }
 {
-    # name per calls | ir msgs sends (l2vfib) | ir msgs sends (libmnl) | ir msgs sends (limit)
+    # name per calls | ir msgs sends: l2vfib | libmnl | libmnl ready | limit
     m = $2 * $3
-    lib = $4 / m; mnl = $7 / m; lim = $10 / m
-    printf "%-20s %5d %9.1f %9.1f %9.1f %8s %8s %9s %9s\n", $1, $2, lib, mnl, lim,
-        r(lib, mnl), r(lib, lim), s($6 / m), s($12 / m)
+    lib = $4 / m; mnl = $7 / m; ready = $10 / m; lim = $13 / m
+    printf "%-20s %5d %9.1f %9.1f %9.1f %9.1f %8s %8s %8s %9s %9s\n", $1, $2, lib, mnl, ready,
+        lim, r(lib, mnl), r(lib, ready), r(lib, lim), s($6 / m), s($15 / m)
     perMsg[$1] = lib
     if ($1 !~ /_cpp$/) order[++n] = $1
 }

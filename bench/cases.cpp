@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "bench_platform.h"
+#include "records.h"
 #include "l2vfib.h"
 #include "l2vfib.hpp"
 
@@ -18,69 +19,7 @@ constexpr size_t kBatch = 1400;
 int32_t g_socket = -1;
 int32_t g_eventSocket = -1;
 
-// ---- the library's calls, with records filled once -----------------------
-
-const L2VFIB_EntryKey kKey = {0x01020304, 0x0506};
-const uint32_t kWord = 0x11223344;
-uint8_t g_pwBlock[200];
-uint8_t g_minmBlock[512];
-uint16_t g_minmLength;
-L2VFIB_HalfPair g_pairs[60];
-L2VFIB_Variant1Ext g_ext;
-L2VFIB_Variant1 g_variant1;
-L2VFIB_VariantEntry g_variantEntry;
-L2VFIB_AcInfo g_acInfo;
-L2VFIB_AcOption g_acOption = {1, 2, 3, 4};
-L2VFIB_OverlayTunnelEntry g_tunnel = {{0x0a000001, 0x0a000002}, {1, 2, 3, 4}};
-L2VFIB_EbgKey g_ebgKey = {77};
-uint32_t g_members[1000];
-L2VFIB_EbgDfEntry g_df = {1, 2, 3, 4};
-L2VFIB_LpwSubEntry g_lpwSub = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-L2VFIB_LpwEntry g_lpw;
-uint8_t g_encOut[512];
-uint32_t g_encLength;
-
-// A notice (item 36, one word) and an event datagram of three items.
-const uint8_t kNotice[] = {0, 0, 0, 8, 0, 0, 0, 0, 0, 0x24, 0, 4, 0, 0, 0, 7};
-const uint8_t kEvent[] = {
-    0x00, 0x14, 0x00, 0x44, 0x01, 0x02, 0x07, 0x09, 0x00, 0x03, 0x00, 0x06, 0x0a, 0x0b, 0x0c,
-    0x0d, 0x01, 0x02, 0x00, 0x09, 0x00, 0x02, 0xff, 0xff, 0x00, 0x02, 0x00, 0x30, 0x00, 0x00,
-    0x00, 0x01, 0x00, 0x00, 0x00, 0x02, 0x5d, 0xab, 0x03, 0x04, 0x00, 0x00, 0x00, 0x05, 0x00,
-    0x00, 0x00, 0x06, 0x00, 0x00, 0x00, 0x07, 0x08, 0x09, 0xcd, 0xef, 0x0a, 0x0b, 0x0c, 0x0d,
-    0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1a, 0x1b, 0x1c, 0x1d, 0x1e,
-    0x1f};
-
-uint64_t g_seen;
-uint32_t OnNotice(uint32_t, uint32_t *value) {
-    g_seen += *value;
-    return 0;
-}
-uint32_t OnEvent(uint32_t tag, const void *) {
-    g_seen += tag;
-    return L2VFIB_OK;
-}
-
-void FillRecords() {
-    for (size_t i = 0; i < sizeof g_pwBlock; ++i) g_pwBlock[i] = static_cast<uint8_t>(i);
-    for (uint16_t i = 0; i < 60; ++i) g_pairs[i] = {i, static_cast<uint16_t>(i + 1)};
-    g_ext = {1, 2, {{3, 4, 5, 6, 7, 8, 9}, {10, 11, 12, 13, 14, 15, 16}}};
-    g_variant1 = {1, 2, 3, 60, g_pairs, 4, 5, 60, g_pairs, &g_ext};
-    g_variantEntry = {9, &g_variant1, 2, 3, 1, 4};
-    g_acInfo.half0 = 1;
-    g_acInfo.word0 = 2;
-    g_acInfo.word1 = 3;
-    g_acInfo.attr64 = 4;
-    g_acInfo.word2 = 5;
-    for (uint32_t i = 0; i < 1000; ++i) g_members[i] = 0x0a000000 + i;
-    g_lpw = {{1, 2}, 3, {4, 5, 6}, 7, {&g_lpwSub, &g_lpwSub}};
-    static const L2VFIB_MinMMember members[2] = {{1, {1, 2, 3, 4, 5, 6, 7, 8}},
-                                                 {2, {8, 7, 6, 5, 4, 3, 2, 1}}};
-    L2VFIB_MinMEntry minm{};
-    minm.memberCount = 2;
-    minm.members = members;
-    g_minmLength = static_cast<uint16_t>(L2VFIB_EncMinMEntry(&minm, sizeof g_minmBlock,
-                                                             g_minmBlock));
-}
+// ---- the library's calls, with the records of records.h -----------------
 
 uint32_t SendCfgWord() { return L2VFIB_Send_Cfg(g_socket, 28, 1, nullptr, &kWord); }
 uint32_t SendCfgVariant() { return L2VFIB_Send_Cfg(g_socket, 12, 1, &kKey, &g_variantEntry); }
@@ -124,30 +63,30 @@ uint32_t HandleMsgCpp() { return Code(g_session.handle_msg()); }
 uint32_t HandleEvtMsgCpp() { return Code(g_channel.handle()); }
 
 const std::vector<Case> kCases = {
-    {"send_cfg_word", Kind::kBatched, SendCfgWord},
-    {"send_cfg_word_cpp", Kind::kBatched, SendCfgWordCpp, true},
-    {"send_cfg_variant", Kind::kBatched, SendCfgVariant},
-    {"send_cfg_variant_cpp", Kind::kBatched, SendCfgVariantCpp, true},
-    {"pw_add_200", Kind::kBatched, PwAdd},
-    {"pw_add_200_cpp", Kind::kBatched, PwAddCpp, true},
-    {"pw_del", Kind::kBatched, PwDel},
-    {"pw_del_cpp", Kind::kBatched, PwDelCpp, true},
-    {"minm_add", Kind::kBatched, MinMAdd},
-    {"minm_add_cpp", Kind::kBatched, MinMAddCpp, true},
-    {"ac_add", Kind::kBatched, AcAdd},
-    {"ac_add_cpp", Kind::kBatched, AcAddCpp, true},
-    {"tunnel_add", Kind::kBatched, TunnelAdd},
-    {"tunnel_add_cpp", Kind::kBatched, TunnelAddCpp, true},
-    {"ebg_members_1000", Kind::kBatched, EbgMembers},
-    {"ebg_members_1000_cpp", Kind::kBatched, EbgMembersCpp, true},
-    {"df_add", Kind::kBatched, DfAdd},
-    {"df_add_cpp", Kind::kBatched, DfAddCpp, true},
-    {"enc_lpw", Kind::kEncoder, EncLpw},
-    {"enc_lpw_cpp", Kind::kEncoder, EncLpwCpp, true},
-    {"handle_msg", Kind::kReceive, HandleMsg},
-    {"handle_msg_cpp", Kind::kReceive, HandleMsgCpp, true},
-    {"handle_evt_msg", Kind::kReceive, HandleEvtMsg},
-    {"handle_evt_msg_cpp", Kind::kReceive, HandleEvtMsgCpp, true},
+    {"send_cfg_word", Kind::kBatched, SendCfgWord, MnlSendCfgWord, nullptr},
+    {"send_cfg_word_cpp", Kind::kBatched, SendCfgWordCpp, MnlSendCfgWord, nullptr, true},
+    {"send_cfg_variant", Kind::kBatched, SendCfgVariant, MnlSendCfgVariant, nullptr},
+    {"send_cfg_variant_cpp", Kind::kBatched, SendCfgVariantCpp, MnlSendCfgVariant, nullptr, true},
+    {"pw_add_200", Kind::kBatched, PwAdd, MnlPwAdd, nullptr, false, true},
+    {"pw_add_200_cpp", Kind::kBatched, PwAddCpp, MnlPwAdd, nullptr, true, true},
+    {"pw_del", Kind::kBatched, PwDel, MnlPwDel, nullptr},
+    {"pw_del_cpp", Kind::kBatched, PwDelCpp, MnlPwDel, nullptr, true},
+    {"minm_add", Kind::kBatched, MinMAdd, MnlMinMAdd, nullptr, false, true},
+    {"minm_add_cpp", Kind::kBatched, MinMAddCpp, MnlMinMAdd, nullptr, true, true},
+    {"ac_add", Kind::kBatched, AcAdd, MnlAcAdd, nullptr},
+    {"ac_add_cpp", Kind::kBatched, AcAddCpp, MnlAcAdd, nullptr, true},
+    {"tunnel_add", Kind::kBatched, TunnelAdd, MnlTunnelAdd, nullptr},
+    {"tunnel_add_cpp", Kind::kBatched, TunnelAddCpp, MnlTunnelAdd, nullptr, true},
+    {"ebg_members_1000", Kind::kBatched, EbgMembers, MnlEbgMembers, nullptr},
+    {"ebg_members_1000_cpp", Kind::kBatched, EbgMembersCpp, MnlEbgMembers, nullptr, true},
+    {"df_add", Kind::kBatched, DfAdd, MnlDfAdd, nullptr},
+    {"df_add_cpp", Kind::kBatched, DfAddCpp, MnlDfAdd, nullptr, true},
+    {"enc_lpw", Kind::kEncoder, EncLpw, MnlEncLpw, nullptr},
+    {"enc_lpw_cpp", Kind::kEncoder, EncLpwCpp, MnlEncLpw, nullptr, true},
+    {"handle_msg", Kind::kReceive, HandleMsg, nullptr, MnlNoticeAttr},
+    {"handle_msg_cpp", Kind::kReceive, HandleMsgCpp, nullptr, MnlNoticeAttr, true},
+    {"handle_evt_msg", Kind::kReceive, HandleEvtMsg, nullptr, MnlEventAttr},
+    {"handle_evt_msg_cpp", Kind::kReceive, HandleEvtMsgCpp, nullptr, MnlEventAttr, true},
 };
 
 // ---- what each case's messages look like, captured once ------------------
@@ -160,31 +99,41 @@ struct Attr {
 struct Message {
     std::vector<uint8_t> bytes;
     uint16_t objType;
+    uint16_t flags;           // as netlink carries them: opcode, byte 7 above it
     std::vector<Attr> attrs;  // point into bytes
+    size_t tail;              // where the items end; the caller's block follows
 };
 struct Captured {
     std::vector<Message> messages;  // one call's messages
     uint8_t netlink[kBatch];        // receiving cases: the same as netlink
     size_t mnlLimit;                // netlink batch limit
+    bool block;                     // a message ends in a caller's block
 };
 std::vector<Captured> g_captured;
 
 uint16_t Be16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 
+// Reads the items from itemsFrom up to the first that would run past the
+// message: a block of the caller's starts there (its bytes need not be
+// items).
 void AddMessage(Captured &cap, const uint8_t *p, size_t length, size_t itemsFrom) {
     Message &m = cap.messages.emplace_back();
     m.bytes.assign(p, p + length);
     m.objType = itemsFrom == 0 ? 0 : Be16(p);
-    for (size_t at = itemsFrom; at + 4 <= length;) {
+    m.flags = itemsFrom == 0 ? 0 : static_cast<uint16_t>(p[7] << 8 | p[6]);
+    size_t at = itemsFrom;
+    while (at + 4 <= length && at + 4 + Be16(&m.bytes[at + 2]) <= length) {
         const uint16_t n = Be16(&m.bytes[at + 2]);
         m.attrs.push_back({Be16(&m.bytes[at]), n, &m.bytes[at + 4]});
         at += 4 + n;
     }
+    m.tail = at;
+    cap.block = cap.block || at < length;
 }
 
 void Capture(const Case &c, Captured &cap) {
     static uint8_t sent[1 << 16];
-    const bool notice = c.call == HandleMsg || c.call == HandleMsgCpp;
+    const bool notice = c.mnlAttr == MnlNoticeAttr;
     if (c.kind == Kind::kReceive) SetRecv(notice ? kNotice : kEvent,
                                           notice ? sizeof kNotice : sizeof kEvent);
     uint32_t result = L2VFIB_OK;
@@ -222,26 +171,137 @@ void Capture(const Case &c, Captured &cap) {
     }
     cap.mnlLimit = kBatch;
     for (const Message &m : cap.messages) {
-        size_t n = MNL_NLMSG_HDRLEN;
+        size_t n = MNL_NLMSG_HDRLEN + MNL_ALIGN(m.bytes.size() - m.tail);
         for (const Attr &a : m.attrs) n += MNL_ALIGN(MNL_ATTR_HDRLEN + a.length);
         if (n > kBatch) cap.mnlLimit = 2 * n;
     }
     if (c.kind == Kind::kReceive) {
+        const Message &m = cap.messages[0];
         nlmsghdr *nlh = mnl_nlmsg_put_header(cap.netlink);
-        for (const Attr &a : cap.messages[0].attrs) mnl_attr_put(nlh, a.type, a.length, a.value);
+        nlh->nlmsg_type = m.objType;
+        nlh->nlmsg_seq = Be16(&m.bytes[4]);  // the tag
+        for (const Attr &a : m.attrs) mnl_attr_put(nlh, a.type, a.length, a.value);
+    }
+}
+
+// ---- the libmnl daemon against the library ---------------------------------
+
+// True when nlh carries message m: its object type, opcode and byte 7; its
+// items as attributes of the same types, lengths and value bytes, at most
+// items of them; then every byte of m after those as it is.
+bool Carries(const nlmsghdr *nlh, const Message &m, size_t items) {
+    if (nlh->nlmsg_type != m.objType || nlh->nlmsg_flags != m.flags) return false;
+    const auto *p = static_cast<const uint8_t *>(mnl_nlmsg_get_payload(nlh));
+    const uint8_t *end = reinterpret_cast<const uint8_t *>(nlh) + nlh->nlmsg_len;
+    size_t from = m.tail;
+    for (size_t i = 0; i < m.attrs.size(); ++i) {
+        const Attr &a = m.attrs[i];
+        if (i == items) {
+            from = static_cast<size_t>(a.value - MNL_ATTR_HDRLEN - m.bytes.data());
+            break;
+        }
+        const auto *attr = reinterpret_cast<const nlattr *>(p);
+        if (end - p < static_cast<ptrdiff_t>(MNL_ATTR_HDRLEN) || attr->nla_len > end - p ||
+            mnl_attr_get_type(attr) != a.type || mnl_attr_get_payload_len(attr) != a.length ||
+            std::memcmp(mnl_attr_get_payload(attr), a.value, a.length) != 0)
+            return false;
+        p += MNL_ALIGN(attr->nla_len);
+    }
+    const size_t block = m.bytes.size() - from;
+    return static_cast<size_t>(end - p) == MNL_ALIGN(block) &&
+           std::memcmp(p, m.bytes.data() + from, block) == 0;
+}
+
+// One call of the daemon's side, into a batch large enough never to send.
+bool SameMessages(const Case &c, const Captured &cap) {
+    static uint8_t area[1 << 15];
+    MnlOut out{mnl_nlmsg_batch_start(area, sizeof area / 2), 0};
+    c.mnl(out);
+    const bool encoder = c.kind == Kind::kEncoder;
+    const uint8_t *p = encoder ? g_encOut : area;
+    size_t left = encoder ? sizeof g_encOut : mnl_nlmsg_batch_size(out.batch);
+    mnl_nlmsg_batch_stop(out.batch);
+    for (const Message &m : cap.messages) {
+        const auto *nlh = reinterpret_cast<const nlmsghdr *>(p);
+        if (!mnl_nlmsg_ok(nlh, static_cast<int>(left)) ||
+            !Carries(nlh, m, c.keyed ? 1 : m.attrs.size()))
+            return false;
+        p += nlh->nlmsg_len;
+        left -= nlh->nlmsg_len;
+    }
+    return out.sends == 0 && (encoder || left == 0);
+}
+
+Run MnlParseLoop(const Captured &cap, uint64_t calls, mnl_attr_cb_t onAttr);
+
+// The notice callback's sums: the library's call and the daemon's add the
+// same value.
+bool SameNotice(const Case &c, const Captured &cap) {
+    const uint64_t before = g_seen;
+    SetRecv(kNotice, sizeof kNotice);
+    c.call();
+    const uint64_t library = g_seen - before;
+    MnlParseLoop(cap, 1, c.mnlAttr);
+    return library != 0 && g_seen - before == 2 * library;
+}
+
+EventRecord g_kept[4];
+uint32_t g_keptTag;
+size_t g_keptCount;
+
+uint32_t KeepEvent(uint32_t tag, const void *record) {
+    if (g_keptCount < 4) std::memcpy(&g_kept[g_keptCount], record, sizeof g_kept[0]);
+    ++g_keptCount;
+    g_keptTag = tag;
+    return L2VFIB_OK;
+}
+
+// The records the library hands its event callback, against the daemon's.
+// The library is opened by the C calls, so its callback can be swapped.
+bool SameEvents(const Captured &cap) {
+    g_keptCount = 0;
+    L2VFIB_RegEvent(g_eventSocket, 0x0010, nullptr, 0, KeepEvent, 0);
+    SetRecv(kEvent, sizeof kEvent);
+    (void)L2VFIB_HandleEvtMsg(g_eventSocket);
+    L2VFIB_RegEvent(g_eventSocket, 0x0010, nullptr, 0, OnEvent, 0);
+    const auto *nlh = reinterpret_cast<const nlmsghdr *>(cap.netlink);
+    size_t i = 0;
+    const auto *end = reinterpret_cast<const char *>(mnl_nlmsg_get_payload_tail(nlh));
+    for (auto *attr = static_cast<const nlattr *>(mnl_nlmsg_get_payload(nlh));
+         mnl_attr_ok(attr, static_cast<int>(end - reinterpret_cast<const char *>(attr)));
+         attr = mnl_attr_next(attr)) {
+        EventRecord r;
+        if (!MnlEventRecord(attr, &r)) continue;
+        const uint16_t type = mnl_attr_get_type(attr);
+        const size_t n = type == 3 ? sizeof r.r3 : type == 6 ? sizeof r.r6 : sizeof r.r2;
+        if (i >= g_keptCount || i >= 4 || std::memcmp(&r, &g_kept[i], n) != 0) return false;
+        ++i;
+    }
+    return i != 0 && i == g_keptCount && g_keptTag == nlh->nlmsg_seq;
+}
+
+void CheckMnl(const Case &c, const Captured &cap, bool face) {
+    bool same = true;
+    if (c.kind != Kind::kReceive)
+        same = SameMessages(c, cap);
+    else if (c.mnlAttr == MnlNoticeAttr)
+        same = SameNotice(c, cap);
+    else if (!face)
+        same = SameEvents(cap);
+    if (!same) {
+        std::fprintf(stderr, "bench: the libmnl side of %s does not do what the library does\n",
+                     c.name);
+        std::exit(1);
     }
 }
 
 // ---- the loops -------------------------------------------------------------
 
 // The batch datagrams of the baselines go here; its address escapes, so the
-// copies into it stay.
-uint8_t g_area[4096];
+// copies into it stay. A batch may hold a message past its limit: twice the
+// largest limit (two of the longest messages).
+uint8_t g_area[8192];
 uint64_t g_sink;
-
-[[gnu::noinline]] void SendArea(const void *data, size_t length) {
-    g_sink += length + static_cast<const uint8_t *>(data)[0];
-}
 
 Run LimitLoop(const Captured &cap, uint64_t calls) {
     Run run{};
@@ -266,11 +326,31 @@ Run LimitLoop(const Captured &cap, uint64_t calls) {
     return run;
 }
 
+// Sends what is left in a batch and ends it.
+void EndBatch(mnl_nlmsg_batch *b, Run &run) {
+    if (!mnl_nlmsg_batch_is_empty(b)) {
+        SendArea(mnl_nlmsg_batch_head(b), mnl_nlmsg_batch_size(b));
+        ++run.sends;
+    }
+    mnl_nlmsg_batch_stop(b);
+}
+
 // A netlink header is 8 bytes longer than ours, so a message that fills our
 // batch overflows netlink's: such a case gets a batch limit of two messages.
 // (Not one: when the batch overflows, libmnl moves the last message to the
 // front with memcpy, which must not overlap.)
-Run MnlBuildLoop(const Captured &cap, uint64_t calls) {
+Run MnlLoop(const Case &c, const Captured &cap, uint64_t calls) {
+    MnlOut out{mnl_nlmsg_batch_start(g_area, cap.mnlLimit), 0};
+    for (uint64_t i = 0; i < calls; ++i) c.mnl(out);
+    Run run{calls * cap.messages.size(), out.sends};
+    EndBatch(out.batch, run);
+    return run;
+}
+
+// The old baseline: the captured items put as they are, and a block behind
+// them copied in (Block: some message has one).
+template <bool Block>
+Run MnlReadyLoop(const Captured &cap, uint64_t calls) {
     Run run{};
     mnl_nlmsg_batch *b = mnl_nlmsg_batch_start(g_area, cap.mnlLimit);
     for (uint64_t i = 0; i < calls; ++i) {
@@ -278,6 +358,11 @@ Run MnlBuildLoop(const Captured &cap, uint64_t calls) {
             nlmsghdr *nlh = mnl_nlmsg_put_header(mnl_nlmsg_batch_current(b));
             nlh->nlmsg_type = m.objType;
             for (const Attr &a : m.attrs) mnl_attr_put(nlh, a.type, a.length, a.value);
+            if (Block) {
+                const size_t n = m.bytes.size() - m.tail;
+                std::memcpy(mnl_nlmsg_get_payload_tail(nlh), m.bytes.data() + m.tail, n);
+                nlh->nlmsg_len += MNL_ALIGN(n);
+            }
             if (!mnl_nlmsg_batch_next(b)) {
                 SendArea(mnl_nlmsg_batch_head(b), mnl_nlmsg_batch_size(b));
                 ++run.sends;
@@ -286,11 +371,7 @@ Run MnlBuildLoop(const Captured &cap, uint64_t calls) {
             ++run.messages;
         }
     }
-    if (!mnl_nlmsg_batch_is_empty(b)) {
-        SendArea(mnl_nlmsg_batch_head(b), mnl_nlmsg_batch_size(b));
-        ++run.sends;
-    }
-    mnl_nlmsg_batch_stop(b);
+    EndBatch(b, run);
     return run;
 }
 
@@ -304,8 +385,22 @@ int OnAttr(const nlattr *attr, void *data) {
 }
 
 // The receiving side of netlink: the datagram copied in, checked, and each
-// attribute handed to a callback that copies its value out.
-Run MnlParseLoop(const Captured &cap, uint64_t calls) {
+// attribute handed to the daemon's callback with the message's tag.
+Run MnlParseLoop(const Captured &cap, uint64_t calls, mnl_attr_cb_t onAttr) {
+    const auto *src = reinterpret_cast<const nlmsghdr *>(cap.netlink);
+    for (uint64_t i = 0; i < calls; ++i) {
+        std::memcpy(g_area, src, src->nlmsg_len);
+        const auto *nlh = reinterpret_cast<const nlmsghdr *>(g_area);
+        if (mnl_nlmsg_ok(nlh, static_cast<int>(src->nlmsg_len))) {
+            uint32_t tag = nlh->nlmsg_seq;
+            mnl_attr_parse(nlh, 0, onAttr, &tag);
+        }
+    }
+    return {calls, 0};
+}
+
+// The old baseline: each attribute's value copied out as it is.
+Run MnlReadyParseLoop(const Captured &cap, uint64_t calls) {
     const auto *src = reinterpret_cast<const nlmsghdr *>(cap.netlink);
     for (uint64_t i = 0; i < calls; ++i) {
         std::memcpy(g_area, src, src->nlmsg_len);
@@ -330,6 +425,7 @@ const char *ImplName(Impl impl) {
     switch (impl) {
     case Impl::kLib: return "l2vfib";
     case Impl::kMnl: return "libmnl";
+    case Impl::kMnlReady: return "libmnl_ready";
     case Impl::kLimit: return "limit";
     }
     return "?";
@@ -359,16 +455,28 @@ void Prepare(bool face) {
     FillRecords();
     g_captured.resize(kCases.size());
     for (size_t i = 0; i < kCases.size(); ++i)
-        if (face || !kCases[i].face) Capture(kCases[i], g_captured[i]);
+        if (face || !kCases[i].face) {
+            Capture(kCases[i], g_captured[i]);
+            CheckMnl(kCases[i], g_captured[i], face);
+        }
+}
+
+[[gnu::noinline]] void SendArea(const void *data, size_t length) {
+    g_sink += length + static_cast<const uint8_t *>(data)[0];
 }
 
 extern "C" [[gnu::noinline]] Run bench_loop(const Case *c, Impl impl, uint64_t calls) {
     const Captured &cap = g_captured[static_cast<size_t>(c - kCases.data())];
-    if (impl == Impl::kLimit) return LimitLoop(cap, calls);
-    if (impl == Impl::kMnl)
-        return c->kind == Kind::kReceive ? MnlParseLoop(cap, calls) : MnlBuildLoop(cap, calls);
-    if (c->kind == Kind::kReceive)
-        SetRecv(cap.messages[0].bytes.data(), cap.messages[0].bytes.size());
+    const bool receive = c->kind == Kind::kReceive;
+    switch (impl) {
+    case Impl::kLimit: return LimitLoop(cap, calls);
+    case Impl::kMnl: return receive ? MnlParseLoop(cap, calls, c->mnlAttr) : MnlLoop(*c, cap, calls);
+    case Impl::kMnlReady:
+        if (receive) return MnlReadyParseLoop(cap, calls);
+        return cap.block ? MnlReadyLoop<true>(cap, calls) : MnlReadyLoop<false>(cap, calls);
+    case Impl::kLib: break;
+    }
+    if (receive) SetRecv(cap.messages[0].bytes.data(), cap.messages[0].bytes.size());
     if (c->kind != Kind::kBatched) {
         for (uint64_t i = 0; i < calls; ++i) c->call();
         return {calls, 0};

@@ -1,6 +1,6 @@
 // The benchmark program.
 //
-//   l2vfib_bench [GOOGLE BENCHMARK FLAGS]   wall time of every case, three ways
+//   l2vfib_bench [GOOGLE BENCHMARK FLAGS]   wall time of every case, four ways
 //   l2vfib_bench --loop CASE IMPL CALLS     one loop alone, for callgrind;
 //                                           prints "messages sends"
 //   l2vfib_bench --cases                    the case names, one a line
@@ -17,7 +17,7 @@ namespace {
 
 using bench::Impl;
 
-constexpr Impl kImpls[] = {Impl::kLib, Impl::kMnl, Impl::kLimit};
+constexpr Impl kImpls[] = {Impl::kLib, Impl::kMnl, Impl::kMnlReady, Impl::kLimit};
 
 bool ParseImpl(const char *name, Impl *impl) {
     for (Impl i : kImpls)

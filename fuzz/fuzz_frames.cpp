@@ -63,7 +63,8 @@ const void *VariantEntry(Records &r) {
 }
 
 // What each encoder reads from arg1 and arg2: a size, or a record built
-// above (a variant entry, a range list of exactly count words).
+// above (a variant entry, a range list of exactly count words). A row with
+// a word item reads one word from the argument it names.
 constexpr size_t kU16 = 2, kU32 = 4, kKey = sizeof(L2VFIB_EntryKey),
                  kPair = sizeof(L2VFIB_WordPair), kVariant = SIZE_MAX, kList = SIZE_MAX - 1;
 #define E(name) l2vfib_Enc##name
@@ -71,10 +72,7 @@ const struct Reads {
     L2VFIB_CmdEncoder encoder;
     size_t arg1, arg2;
 } kReads[] = {
-    {E(Tlv31), kU32, 0}, {E(Tlv32), kU32, 0}, {E(Tlv44), kU32, 0}, {E(Tlv100), kU32, 0},
-    {E(Tlv102), 0, kU32}, {E(Tlv140), 0, kU32}, {E(Tlv185), 0, kU32}, {E(Tlv189), 0, kU32},
-    {E(Tlv190), 0, kU32}, {E(Tlv215), 0, kU32}, {E(Tlv217), 0, kU32}, {E(Tlv230), 0, kU32},
-    {E(Tlv237), 0, kU32}, {E(Tlv83), 0, kU16}, {E(Tlv218), 0, kU16}, {E(Tlv234), 0, kU16},
+    {E(Tlv83), 0, kU16}, {E(Tlv218), 0, kU16}, {E(Tlv234), 0, kU16},
     {E(Tlv235), 0, kU16}, {E(Tlv238), 0, kU16}, {E(Tlv105), 0, 0}, {E(Tlv106), 0, 0},
     {E(Tlv10), kKey, 0}, {E(Tlv20), 0, kKey}, {E(Tlv70), 0, kPair}, {E(Tlv180), 0, kPair},
     {E(Tlv181Mark182), kU32, 0}, {E(Tlv181Mark183), kU32, 0}, {E(Tlv181Mark186), kU32, 0},
@@ -139,9 +137,12 @@ void Send(FuzzedDataProvider &fdp) {
                              : fdp.ConsumeIntegralInRange<uint32_t>(0, 95);
     const uint16_t room = fdp.ConsumeIntegralInRange<uint16_t>(0, L2VFIB_BATCH_SIZE);
     const uint8_t fill = fdp.ConsumeIntegral<uint8_t>();
-    // A code without encoder reads nothing.
+    // A code without encoder or word item reads nothing.
     Reads reads = {nullptr, 0, 0};
-    if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].encoder != nullptr) {
+    if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].word.type != 0) {
+        const bool first = l2vfib_CmdTable[cmd].word.arg == 1;
+        reads = {nullptr, first ? kU32 : 0, first ? 0 : kU32};
+    } else if (cmd < l2vfib::kCmdCount && l2vfib_CmdTable[cmd].encoder != nullptr) {
         const auto *found = std::find_if(std::begin(kReads), std::end(kReads), [&](const Reads &e) {
             return e.encoder == l2vfib_CmdTable[cmd].encoder;
         });

@@ -12,20 +12,6 @@ extern "C" {
 typedef uint16_t (*L2VFIB_CmdEncoder)(const void *arg1, const void *arg2, uint16_t room,
                                       uint8_t *out);
 
-// One item of a 32-bit number.
-uint16_t l2vfib_EncTlv31(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv32(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv44(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv100(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv102(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv140(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv185(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv189(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv190(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv215(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv217(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv230(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
-uint16_t l2vfib_EncTlv237(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
 // One item of a 16-bit number (TLV 83 widens it to 32 bits).
 uint16_t l2vfib_EncTlv83(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);
 uint16_t l2vfib_EncTlv218(const void *arg1, const void *arg2, uint16_t room, uint8_t *out);

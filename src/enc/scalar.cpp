@@ -1,4 +1,6 @@
 // Scalar payload encoders: one or two fixed-size items of plain numbers.
+// (A payload of one 32-bit number alone is written by the catalogue from
+// its row, src/msg/catalogue.h.)
 //
 //   u32 item            u16 item          u16 widened (TLV 83)
 //   +------+-----+      +------+-----+    +------+---------+-----+
@@ -115,46 +117,6 @@ uint16_t TwoItems(uint16_t minRoom, uint32_t firstType, const void *first, uint3
 }  // namespace
 
 extern "C" {
-
-uint16_t l2vfib_EncTlv31(const void *arg1, const void *, uint16_t room, uint8_t *out) {
-    return U32Item(arg1, 6, 31, room, out);
-}
-uint16_t l2vfib_EncTlv32(const void *arg1, const void *, uint16_t room, uint8_t *out) {
-    return U32Item(arg1, 4, 32, room, out);
-}
-uint16_t l2vfib_EncTlv44(const void *arg1, const void *, uint16_t room, uint8_t *out) {
-    return U32Item(arg1, kNoMinimum, 44, room, out);
-}
-uint16_t l2vfib_EncTlv100(const void *arg1, const void *, uint16_t room, uint8_t *out) {
-    return U32Item(arg1, 8, 100, room, out);
-}
-uint16_t l2vfib_EncTlv102(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 4, 102, room, out);
-}
-uint16_t l2vfib_EncTlv140(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 140, room, out);
-}
-uint16_t l2vfib_EncTlv185(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 185, room, out);
-}
-uint16_t l2vfib_EncTlv189(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 189, room, out);
-}
-uint16_t l2vfib_EncTlv190(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 190, room, out);
-}
-uint16_t l2vfib_EncTlv215(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 215, room, out);
-}
-uint16_t l2vfib_EncTlv217(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 217, room, out);
-}
-uint16_t l2vfib_EncTlv230(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 230, room, out);
-}
-uint16_t l2vfib_EncTlv237(const void *, const void *arg2, uint16_t room, uint8_t *out) {
-    return U32Item(arg2, 8, 237, room, out);
-}
 
 uint16_t l2vfib_EncTlv83(const void *, const void *arg2, uint16_t room, uint8_t *out) {
     return U16WideItem(arg2, 4, 83, room, out);

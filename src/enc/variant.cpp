@@ -28,16 +28,19 @@
 // Any other kind sends TLV 21 alone. All numbers are big-endian; the pair
 // lists are converted straight into the output like every other value.
 #include <cstdint>
+#include <cstring>
 
 #include "enc/encoders.h"
 #include "enc/items.h"
 #include "l2vfib.h"
+#include "l2vfib_platform.h"
 #include "msg/state.h"
+#include "msg/wire.h"
 
 namespace {
 
-using l2vfib::Items;
-using l2vfib::Value;
+using l2vfib::PutBe16;
+using l2vfib::PutBe32;
 
 constexpr uint32_t kEntryFixed = 12;
 constexpr uint32_t kEntryMaxFill = l2vfib::MaxFill(kEntryFixed);  // 61
@@ -56,39 +59,68 @@ uint32_t Variant1Extra(const L2VFIB_Variant1 &v) {
     return n;
 }
 
-// A pair list as one item, converted straight into the output.
-void PutList(Items &items, uint32_t type, const L2VFIB_HalfPair *list, uint16_t count) {
+// Writes items one behind the other into a payload whose room was measured
+// before the first byte: the codec writes each item's header, which always
+// fits, and the caller every byte of its value.
+class Writer {
+  public:
+    Writer(uint8_t *out, uint16_t room) : out_(out), pos_(out), end_(out + room) {}
+    // The header of an item of length bytes; returns where its value goes.
+    uint8_t *Item(uint32_t type, uint32_t length) {
+        (void)STLV_Set(pos_, static_cast<uint32_t>(end_ - pos_), type, length, nullptr);
+        uint8_t *value = pos_ + l2vfib::kItemHead;
+        pos_ = value + length;
+        return value;
+    }
+    uint16_t Length() const { return static_cast<uint16_t>(pos_ - out_); }
+
+  private:
+    uint8_t *out_;
+    uint8_t *pos_;
+    uint8_t *end_;
+};
+
+void PutKey(Writer &items, const L2VFIB_EntryKey &key) {
+    uint8_t *v = items.Item(20, 8);
+    PutBe32(v, key.id);
+    PutBe32(v + 4, uint32_t{key.subId} << 16);
+}
+
+// A pair list as one item, converted straight into the output. (Unrolled:
+// the lists are long, and each step converts a few pairs at once.)
+void PutList(Writer &items, uint32_t type, const L2VFIB_HalfPair *list, uint16_t count) {
     if (list == nullptr) return;
-    uint8_t *at = items.InPlace(type, 4 * uint32_t{count});
-    if (at == nullptr) return;
+    uint8_t *at = items.Item(type, 4 * uint32_t{count});
+#pragma GCC unroll 4
     for (uint32_t i = 0; i < count; ++i, at += 4) {
-        l2vfib::PutBe16(at, list[i].half0);
-        l2vfib::PutBe16(at + 2, list[i].half1);
+        PutBe16(at, list[i].half0);
+        PutBe16(at + 2, list[i].half1);
     }
 }
 
-void PutVariant1(Items &items, const L2VFIB_Variant1 &v) {
-    items.Open(23, 16)
-        .Be32(0, v.word0)
-        .Be16(4, v.half0)
-        .Be16(6, v.half1)
-        .Be16(8, v.count0)
-        .Be16(10, v.half2)
-        .Be16(12, v.half3)
-        .Be16(14, v.count1);
+void PutVariant1(Writer &items, const L2VFIB_Variant1 &v) {
+    uint8_t *head = items.Item(23, 16);
+    PutBe32(head, v.word0);
+    PutBe16(head + 4, v.half0);
+    PutBe16(head + 6, v.half1);
+    PutBe16(head + 8, v.count0);
+    PutBe16(head + 10, v.half2);
+    PutBe16(head + 12, v.half3);
+    PutBe16(head + 14, v.count1);
     if (v.ext != nullptr) {
-        Value ext = items.Open(24, 40);
-        ext.Be32(0, v.ext->word0).Be16(4, v.ext->half0);
+        uint8_t *ext = items.Item(24, 40);
+        PutBe32(ext, v.ext->word0);
+        PutBe32(ext + 4, uint32_t{v.ext->half0} << 16);
         for (uint32_t i = 0; i < 2; ++i) {
             const L2VFIB_Variant1Sub &sub = v.ext->sub[i];
-            const uint32_t at = 8 + kSubSize * i;
-            ext.Be32(at, sub.word0)
-                .Be16(at + 4, sub.half0)
-                .Be16(at + 6, sub.half1)
-                .Be16(at + 8, sub.half2)
-                .Be16(at + 10, sub.half3)
-                .Be16(at + 12, sub.half4)
-                .Be16(at + 14, sub.half5);
+            uint8_t *at = ext + 8 + kSubSize * i;
+            PutBe32(at, sub.word0);
+            PutBe16(at + 4, sub.half0);
+            PutBe16(at + 6, sub.half1);
+            PutBe16(at + 8, sub.half2);
+            PutBe16(at + 10, sub.half3);
+            PutBe16(at + 12, sub.half4);
+            PutBe16(at + 14, sub.half5);
         }
     }
     PutList(items, 25, v.list0, v.count0);
@@ -109,8 +141,11 @@ uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t roo
     const auto *key = static_cast<const L2VFIB_EntryKey *>(arg1);
     const auto *entry = static_cast<const L2VFIB_VariantEntry *>(arg2);
     if (room < 4 * (c + 77) || key == nullptr) return 0;
-    Items items(out, room);
-    if (entry == nullptr) return items.Key(20, *key).Length();
+    Writer items(out, room);
+    if (entry == nullptr) {
+        PutKey(items, *key);
+        return items.Length();
+    }
 
     const uint8_t kind = entry->kind;
     const void *variant = entry->variant;
@@ -120,14 +155,14 @@ uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t roo
     const auto *v1 = static_cast<const L2VFIB_Variant1 *>(variant);
     if (kind == 1 && kKind1Fixed + 4 * c + Variant1Extra(*v1) > room) return 0;
 
-    items.Key(20, *key);
-    items.Open(21, kEntryFixed + 4 * c)
-        .Be32(0, entry->word0)
-        .Be16(4, entry->half0)
-        .Byte(6, entry->byte0)
-        .Byte(7, kind)
-        .Byte(8, entry->byte1)
-        .Ones(kEntryFixed, c);
+    PutKey(items, *key);
+    uint8_t *common = items.Item(21, kEntryFixed + 4 * c);
+    PutBe32(common, entry->word0);
+    PutBe16(common + 4, entry->half0);
+    common[6] = entry->byte0;
+    common[7] = kind;
+    PutBe32(common + 8, uint32_t{entry->byte1} << 24);
+    if (c != 0) std::memset(common + kEntryFixed, 0xFF, 4 * c);
     switch (kind) {
     case 1:
         PutVariant1(items, *v1);
@@ -135,12 +170,17 @@ uint16_t l2vfib_EncVariantEntry(const void *arg1, const void *arg2, uint16_t roo
     case 2:
     case 3: {
         const auto &v = *static_cast<const L2VFIB_Variant2 *>(variant);
-        items.Open(27, 12).Be32(0, v.word0).Be32(4, v.word1).Be16(8, v.half0).Byte(10, v.byte0);
+        uint8_t *at = items.Item(27, 12);
+        PutBe32(at, v.word0);
+        PutBe32(at + 4, v.word1);
+        PutBe32(at + 8, uint32_t{v.half0} << 16 | uint32_t{v.byte0} << 8);
         break;
     }
     case 4: {
         const auto &v = *static_cast<const L2VFIB_Variant4 *>(variant);
-        items.Open(28, 8).Be16(0, v.half0).Be32(4, v.word0);
+        uint8_t *at = items.Item(28, 8);
+        PutBe32(at, uint32_t{v.half0} << 16);
+        PutBe32(at + 4, v.word0);
         break;
     }
     default:

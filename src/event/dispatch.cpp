@@ -136,12 +136,14 @@ L2VFIB_API uint32_t L2VFIB_HandleEvtMsg(int32_t socket) {
     if (l2vfib::kHeadSize + head.payloadLen > received) return L2VFIB_ERR_BAD_MSG;
 
     // Each item must end past the one before and within the payload, so the
-    // walk always moves on and never leaves the bytes received.
+    // walk always moves on and never leaves the bytes received. Fewer bytes
+    // than an item header end it without asking the codec, which finds no
+    // item there.
     const uint8_t *const payload = msg + l2vfib::kHeadSize;
     const uint8_t *const end = payload + head.payloadLen;
     const uint8_t *pos = payload;
     uint32_t result = L2VFIB_ERR_FAIL;
-    for (;;) {
+    while (end - pos >= static_cast<ptrdiff_t>(l2vfib::kItemHead)) {
         uint32_t type = 0;
         uint32_t length = 0;
         const void *value = nullptr;

@@ -24,6 +24,7 @@
 #include "msg/head.h"
 #include "msg/state.h"
 #include "msg/transport.h"
+#include "msg/wire.h"
 
 constinit L2VFIB_BatchBuf *l2vfib_Batch = nullptr;
 constinit L2VFIB_DevCaps l2vfib_Caps = {};
@@ -69,6 +70,20 @@ uint16_t FreeBytes(const L2VFIB_BatchBuf *batch) {
         return L2VFIB_ERR_FAIL;
     }
     buf->used = length;
+    return L2VFIB_OK;
+}
+
+// A batched command that has an encoder (or, null row, no code at all):
+// behind the queue, or after its flush when it does not fit. Out of line:
+// it keeps the caller's arguments across the encoder call for that case,
+// which the path of a word item does not need.
+[[gnu::noinline]] uint32_t QueueEncoded(int32_t socket, const l2vfib::CmdRow *row,
+                                        const void *arg1, const void *arg2) {
+    L2VFIB_BatchBuf *buf = l2vfib_Batch;
+    const uint16_t length =
+        l2vfib::EncodeRow(row, arg1, arg2, FreeBytes(buf), buf->area + buf->used);
+    if (length == 0) return QueueAfterFlush(socket, row, arg1, arg2);
+    buf->used = static_cast<uint16_t>(buf->used + length);
     return L2VFIB_OK;
 }
 
@@ -127,11 +142,20 @@ L2VFIB_API uint32_t L2VFIB_Send_Cfg(int32_t socket, L2VFIB_CmdId cmd, uint32_t b
     const l2vfib::CmdRow *row = l2vfib::FindCmd(cmd);
     if (batch != 1 && (row == nullptr || row->path != l2vfib::Path::kBatched))
         return l2vfib_SendCfgNow(socket, cmd, arg1, arg2);
+    if (row == nullptr || row->word.type == 0) return QueueEncoded(socket, row, arg1, arg2);
 
-    const uint16_t length =
-        l2vfib::EncodeRow(row, arg1, arg2, FreeBytes(buf), buf->area + buf->used);
-    if (length == 0) return QueueAfterFlush(socket, row, arg1, arg2);
-    buf->used = static_cast<uint16_t>(buf->used + length);
+    // A word item: the header and the number first, then the item's header
+    // through the codec, the last call, so nothing is kept across it.
+    constexpr uint32_t kLength = l2vfib::kHeadSize + l2vfib::kWordPayload;
+    const void *record = l2vfib::WordRecord(*row, arg1, arg2);
+    const uint32_t used = buf->used;
+    if (record == nullptr || L2VFIB_BATCH_SIZE - used < kLength)
+        return QueueAfterFlush(socket, row, arg1, arg2);
+    uint8_t *msg = buf->area + used;
+    buf->used = static_cast<uint16_t>(used + kLength);
+    l2vfib::PutMsgHead(msg, row->objType, l2vfib::kWordPayload, row->opcode, row->byte7);
+    l2vfib::PutBe32(msg + l2vfib::kHeadSize + l2vfib::kItemHead, l2vfib::Load<uint32_t>(record));
+    (void)STLV_Set(msg + l2vfib::kHeadSize, l2vfib::kWordPayload, row->word.type, 4, nullptr);
     return L2VFIB_OK;
 }
 

@@ -1,5 +1,6 @@
 // The command catalogue: command codes 0 to 91, each with its payload
-// encoder, header fields and send path.
+// encoder (or, for the commonest payload, one 32-bit number, the item that
+// holds it), header fields and send path.
 #ifndef L2VFIB_MSG_CATALOGUE_H
 #define L2VFIB_MSG_CATALOGUE_H
 
@@ -19,12 +20,27 @@ enum class Path : uint8_t {
     kReply,    // at once on a fresh socket, the service's answer returned
 };
 
+// A payload of one item holding one 32-bit number read from argument 1 or
+// 2, big-endian: the catalogue writes it itself, with no encoder.
+//
+//   +------+------+------+
+//   | type | 00 04| be32 |
+//   +------+------+------+
+struct WordItem {
+    uint8_t type;  // 0: the row has no word item
+    uint8_t arg;   // 1 or 2
+};
+
+// The least room a word item's payload is built in, and its length.
+constexpr uint16_t kWordPayload = kItemHead + 4;
+
 struct CmdRow {
-    L2VFIB_CmdEncoder encoder;  // null: the code is refused
+    L2VFIB_CmdEncoder encoder;  // null, and no word item: the code is refused
     uint8_t objType;
     uint8_t opcode;
     uint8_t byte7;
     Path path;
+    WordItem word = {0, 0};
 };
 
 constexpr uint32_t kCmdCount = 92;
@@ -40,13 +56,25 @@ inline const CmdRow *FindCmd(L2VFIB_CmdId cmd) {
     return cmd < kCmdCount ? &l2vfib_CmdTable[cmd] : nullptr;
 }
 
-// l2vfib_EncodeCmd for a row found (or null), inlined where the batched
-// path is hot.
+// The record a word item's number is read from: argument 1 or 2.
+inline const void *WordRecord(const CmdRow &row, const void *arg1, const void *arg2) {
+    return row.word.arg == 1 ? arg1 : arg2;
+}
+
+// Writes the payload of a row with a word item at out, within room bytes:
+// its length, or 0 (nothing written) for a row without one, a null record,
+// or a room below kWordPayload.
+uint16_t EncodeWord(const CmdRow &row, const void *arg1, const void *arg2, uint16_t room,
+                    uint8_t *out);
+
+// l2vfib_EncodeCmd for a row found (or null).
 inline uint16_t EncodeRow(const CmdRow *row, const void *arg1, const void *arg2, uint16_t room,
                           uint8_t *out) {
-    if (row == nullptr || row->encoder == nullptr || room < kHeadSize) return 0;
+    if (row == nullptr || room < kHeadSize) return 0;
+    const auto payloadRoom = static_cast<uint16_t>(room - kHeadSize);
     const uint16_t payload =
-        row->encoder(arg1, arg2, static_cast<uint16_t>(room - kHeadSize), out + kHeadSize);
+        row->encoder != nullptr ? row->encoder(arg1, arg2, payloadRoom, out + kHeadSize)
+                                : EncodeWord(*row, arg1, arg2, payloadRoom, out + kHeadSize);
     if (payload == 0) return 0;
     PutMsgHead(out, row->objType, payload, row->opcode, row->byte7);
     return static_cast<uint16_t>(payload + kHeadSize);

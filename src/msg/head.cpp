@@ -10,8 +10,6 @@
 // with this header that the library sends.
 #include "msg/head.h"
 
-#include "msg/wire.h"
-
 extern "C" void l2vfib_FillMsgHead(uint32_t objType, uint32_t payloadLen, uint32_t opcode,
                                    uint32_t byte7, L2VFIB_MsgHead *head) {
     head->objType = static_cast<uint16_t>(objType);
@@ -19,17 +17,3 @@ extern "C" void l2vfib_FillMsgHead(uint32_t objType, uint32_t payloadLen, uint32
     head->opcode = static_cast<uint8_t>(opcode);
     head->byte7 = static_cast<uint8_t>(byte7);
 }
-
-namespace l2vfib {
-
-L2VFIB_MsgHead ReadMsgHead(const uint8_t *in) {
-    L2VFIB_MsgHead head{};
-    head.objType = GetBe16(in);
-    head.payloadLen = GetBe16(in + 2);
-    head.tag = GetBe16(in + 4);
-    head.opcode = in[6];
-    head.byte7 = in[7];
-    return head;
-}
-
-}  // namespace l2vfib

@@ -55,8 +55,17 @@ inline void WriteMsgHead(const L2VFIB_MsgHead &head, uint8_t *out) {
     out[7] = head.byte7;
 }
 
-// Reads the header at in into host order.
-L2VFIB_MsgHead ReadMsgHead(const uint8_t *in);
+// Reads the header at in into host order. Inline: every datagram received
+// passes here.
+inline L2VFIB_MsgHead ReadMsgHead(const uint8_t *in) {
+    L2VFIB_MsgHead head{};
+    head.objType = GetBe16(in);
+    head.payloadLen = GetBe16(in + 2);
+    head.tag = GetBe16(in + 4);
+    head.opcode = in[6];
+    head.byte7 = in[7];
+    return head;
+}
 
 }  // namespace l2vfib
 

@@ -137,4 +137,40 @@ TEST_F(Batch, FlushSendsTheQueueWholeOrKeepsIt) {
     EXPECT_EQ(Area(), Bytes(L2VFIB_BATCH_SIZE, 0));
 }
 
+// A batched command goes behind the queue when exactly the bytes it needs
+// are free; with one byte fewer the queue is sent first. Alike for a word
+// item written from its row, from either argument, and for an encoder's
+// payload; a word's null record is refused once the queue is sent.
+TEST_F(Batch, CommandGoesBehindTheQueueOnlyWhenItsBytesAreFree) {
+    struct Row {
+        L2VFIB_CmdId cmd;
+        const void *arg1, *arg2;
+        const char *message;
+    };
+    const Row rows[] = {
+        {20, &kWord42, nullptr, "00 02 00 08 00 00 01 08 | 00 64 00 04 00 00 00 2a"},
+        {28, nullptr, &kWord42, "00 02 00 08 00 00 01 08 | 00 66 00 04 00 00 00 2a"},
+        {73, nullptr, nullptr, "00 02 00 04 00 00 01 08 | 00 6a 00 00"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::Message() << "code " << row.cmd);
+        const Bytes message = Hex(row.message);
+        const size_t n = message.size();
+        Leave(n);
+        ASSERT_EQ(L2VFIB_Send_Cfg(fd_, row.cmd, 1, row.arg1, row.arg2), L2VFIB_OK);
+        EXPECT_TRUE(P().sends.empty());
+        EXPECT_EQ(ToHex(Queued()), ToHex(Bytes(L2VFIB_BATCH_SIZE - n, 0) + message));
+        Leave(n - 1);
+        ASSERT_EQ(L2VFIB_Send_Cfg(fd_, row.cmd, 1, row.arg1, row.arg2), L2VFIB_OK);
+        ASSERT_EQ(P().sends.size(), 1u);
+        EXPECT_EQ(P().sends[0].data, Bytes(L2VFIB_BATCH_SIZE + 1 - n, 0));
+        EXPECT_EQ(ToHex(Queued()), ToHex(message));
+        if (row.arg1 == nullptr && row.arg2 == nullptr) continue;
+        EXPECT_EQ(L2VFIB_Send_Cfg(fd_, row.cmd, 1, nullptr, nullptr), L2VFIB_ERR_FAIL);
+        EXPECT_EQ(P().sends.size(), 2u);
+        EXPECT_EQ(Used(), 0);
+        EXPECT_EQ(Area(), Bytes(L2VFIB_BATCH_SIZE, 0));
+    }
+}
+
 }  // namespace

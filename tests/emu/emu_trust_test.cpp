@@ -2,6 +2,7 @@
 // others can enter, steering peers of another user, and bad input from
 // several senders at full rate.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,19 +11,24 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <thread>
 
 #include "emu_fixture.h"
+#include "control_proto.h"
 #include "host_addr.h"
+#include "server.h"
 
 namespace emut {
 namespace {
 
-// `l2vfib-emu start` in a directory: its exit status and what it said.
-std::pair<int, std::string> StartIn(const std::string &dir) {
+// `l2vfib-emu ARGS` with the device directory dir (and env before it):
+// its exit status and what it said.
+std::pair<int, std::string> Emu(const std::string &dir, const std::string &args, const std::string &env = "") {
     const std::string out = dir + ".out";
-    const std::string command = "L2VFIB_DEVICE_DIR='" + dir + "' " L2VFIB_EMU_PATH " start >'" + out + "' 2>&1";
+    const std::string command =
+        env + " L2VFIB_DEVICE_DIR='" + dir + "' " L2VFIB_EMU_PATH " " + args + " >'" + out + "' 2>&1";
     const int status = std::system(command.c_str());
     std::string said;
     if (std::FILE *f = std::fopen(out.c_str(), "r")) {
@@ -34,67 +40,203 @@ std::pair<int, std::string> StartIn(const std::string &dir) {
     return {WEXITSTATUS(status), said};
 }
 
-TEST(EmuTrust, StartsOnlyInADirectoryOfItsOwn) {
+std::string Base() {
     char base[] = "/tmp/l2vfib-trust.XXXXXX";
-    ASSERT_NE(mkdtemp(base), nullptr);
+    EXPECT_NE(mkdtemp(base), nullptr);
+    return base;
+}
+
+mode_t Mode(const std::string &path) {
+    struct stat seen{};
+    return lstat(path.c_str(), &seen) == 0 ? seen.st_mode : 0;
+}
+
+sockaddr_un Address(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+std::vector<std::string> Sockets(const std::string &dir) {
+    std::vector<std::string> found;
+    for (const auto &entry : std::filesystem::directory_iterator(dir))
+        if (entry.is_socket()) found.push_back(entry.path().filename());
+    return found;
+}
+
+TEST(EmuTrust, StartsOnlyInADirectoryOfItsOwn) {
+    const std::string base = Base();
     const struct {
         const char *name;
-        mode_t mode;
+        mode_t mode, parentMode;
         bool otherOwner, viaSymlink;
         const char *fault;
     } rows[] = {
-        {"world-writable", 0777, false, false, "writable by others"},
-        {"group-writable", 0770, false, false, "writable by group"},
-        {"another user's", 0700, true, false, "owned by uid 65534"},
-        {"a symlink to another user's world-writable directory", 01777, true, true, "owned by uid 65534"},
+        {"readable by others", 0705, 0700, false, false, "open to group or others (mode 0705)"},
+        {"writable by group", 0770, 0700, false, false, "open to group or others (mode 0770)"},
+        {"another user's", 0700, 0700, true, false, "owned by uid 65534"},
+        {"a symlink to a directory of ours", 0700, 0700, false, true, "a symlink"},
+        {"in a parent writable by others", 0700, 0777, false, false, "parent writable by others"},
     };
     for (const auto &row : rows) {
         if (row.otherOwner && geteuid() != 0) continue;  // only root can give one away
         SCOPED_TRACE(row.name);
-        const std::string dir = std::string(base) + "/" + std::to_string(&row - rows);
-        ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+        const std::string parent = base + "/" + std::to_string(&row - rows), dir = parent + "/dev";
+        ASSERT_EQ(mkdir(parent.c_str(), 0700), 0);
+        ASSERT_EQ(mkdir(dir.c_str(), row.mode), 0);
         ASSERT_EQ(chmod(dir.c_str(), row.mode), 0);
         if (row.otherOwner) ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
         const std::string device = row.viaSymlink ? dir + "-link" : dir;
         if (row.viaSymlink) ASSERT_EQ(symlink(dir.c_str(), device.c_str()), 0);
-        const auto [status, said] = StartIn(device);
+        ASSERT_EQ(chmod(parent.c_str(), row.parentMode), 0);
+        const auto [status, said] = Emu(device, "start");
         EXPECT_EQ(status, 1);
         EXPECT_NE(said.find("the device directory " + device + " is not trusted: " + row.fault),
                   std::string::npos) << said;
         EXPECT_FALSE(std::filesystem::exists(dir + "/emu.sock"));
+        chmod(parent.c_str(), 0700);
     }
     // A missing one is made, closed to others.
-    const std::string fresh = std::string(base) + "/fresh";
-    ASSERT_EQ(StartIn(fresh).first, 0);
-    struct stat made {};
-    ASSERT_EQ(stat(fresh.c_str(), &made), 0);
-    EXPECT_EQ(made.st_mode & 07777, 0700u);
-    std::system(("L2VFIB_DEVICE_DIR='" + fresh + "' " L2VFIB_EMU_PATH " stop >/dev/null").c_str());
+    const std::string fresh = base + "/fresh";
+    ASSERT_EQ(Emu(fresh, "start").first, 0);
+    EXPECT_EQ(Mode(fresh) & 07777, 0700u);
+    Emu(fresh, "stop");
     std::filesystem::remove_all(base);
 }
 
-// A steering peer of another user is turned away and counted.
-TEST_F(EmuTest, SteersOnlyForItsOwnUser) {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can connect as another user";
+// Under umask 000 every file of the device is its user's alone.
+TEST(EmuTrust, ItsFilesAreClosedToOthers) {
+    const std::string base = Base(), dir = base + "/dev", capture = base + "/cap.pcap";
+    ASSERT_EQ(Emu(dir, "start --capture " + capture, "umask 000;").first, 0);
+    const std::vector<std::string> sockets = Sockets(dir);
+    EXPECT_EQ(sockets.size(), 4u);
+    for (const std::string &file : sockets) EXPECT_EQ(Mode(dir + "/" + file) & 07777, 0600u) << file;
+    for (const std::string &file : {dir + "/emu.pid", dir + "/emu.log", capture})
+        EXPECT_EQ(Mode(file) & 07777, 0600u) << file;
+    Emu(dir, "stop");
+    std::filesystem::remove_all(base);
+}
+
+// However the device ends, its pid file goes with it; a start over one left
+// by a process that is gone works.
+TEST(EmuTrust, ThePidFileGoesWithTheDevice) {
+    const std::string base = Base(), dir = base + "/dev";
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    const pid_t gone = fork();
+    if (gone == 0) _exit(0);
+    waitpid(gone, nullptr, 0);
+    std::ofstream(dir + "/emu.pid") << gone << "\n";
+    const struct { const char *name; int signal; } rows[] = {
+        {"stopped", 0}, {"sent SIGTERM", SIGTERM}, {"killed, then stop", SIGKILL}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_EQ(Emu(dir, "start").first, 0);
+        pid_t pid = 0;
+        std::ifstream(dir + "/emu.pid") >> pid;
+        ASSERT_GT(pid, 0);
+        if (row.signal != 0) kill(pid, row.signal);
+        for (int i = 0; i < 200 && row.signal != 0 && kill(pid, 0) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const auto [status, said] = Emu(dir, "stop");
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(said.find("stale files removed") != std::string::npos, row.signal == SIGKILL) << said;
+        EXPECT_FALSE(std::filesystem::exists(dir + "/emu.pid"));
+        EXPECT_EQ(Sockets(dir), std::vector<std::string>{});
+    }
+    std::filesystem::remove_all(base);
+}
+
+// The device keeps to the directory it opened: a log file turned into a
+// symlink, or the whole directory renamed away and another planted in its
+// place, with a symlink for its log and files named as the device's. The
+// device logs past its bound (rotating), restarts its services and stops;
+// the file the symlink names stays empty and the planted files stay.
+TEST(EmuTrust, KeepsToTheDirectoryItOpened) {
+    const std::string base = Base();
+    const std::vector<std::string> decoys = {"emu.pid", "control", "emu.sock", "node-8000.port-2670"};
+    for (const bool swapped : {false, true}) {
+        SCOPED_TRACE(swapped ? "a directory swapped in" : "a symlink for the log");
+        const std::string dir = base + (swapped ? "/swapped" : "/in-place"), moved = dir + ".old";
+        const std::string victim = dir + ".victim";
+        std::ofstream{victim};
+        ASSERT_EQ(Emu(dir, "start", "L2VFIB_EMU_LOG_MAX=2K").first, 0);
+        if (swapped) {
+            ASSERT_EQ(rename(dir.c_str(), moved.c_str()), 0);
+            ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+            for (const auto &decoy : decoys) std::ofstream(dir + "/" + decoy) << "planted\n";
+        } else {
+            ASSERT_EQ(unlink((dir + "/emu.log").c_str()), 0);
+        }
+        ASSERT_EQ(symlink(victim.c_str(), (dir + "/emu.log").c_str()), 0);
+        ASSERT_EQ(mkdir((dir + "/emu.log.1").c_str(), 0700), 0);  // a rotation by name fails
+        std::ofstream(dir + "/emu.log.1/kept") << "kept\n";
+        const std::string device = swapped ? moved : dir;
+        setenv("L2VFIB_DEVICE_DIR", device.c_str(), 1);
+        std::string error;
+        for (int i = 0; i < 40; ++i)
+            ASSERT_TRUE(l2vfib::emu::Steer(Json{{"cmd", "fault"}, {"fault", i % 8 ? "slow" : "restart"}, {"us", i}},
+                                           &error)) << error;
+        EXPECT_EQ(Emu(device, "stop").first, 0);
+        EXPECT_EQ(std::filesystem::file_size(victim), 0u);
+        EXPECT_EQ(Sockets(dir), std::vector<std::string>{});
+        for (const auto &decoy : decoys) EXPECT_EQ(swapped, std::filesystem::exists(dir + "/" + decoy)) << decoy;
+        if (swapped) EXPECT_TRUE(std::filesystem::exists(moved + "/emu.log.1"));
+        if (swapped) EXPECT_EQ(Sockets(moved), std::vector<std::string>{});
+    }
+    unsetenv("L2VFIB_DEVICE_DIR");
+    std::filesystem::remove_all(base);
+}
+
+// Peers of another user on every socket: the steering peer is turned away
+// as before; the services' are refused, counted, and logged once.
+TEST_F(EmuTest, ServesOnlyItsOwnUserAndRoot) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can connect as another user (uid 65534)";
     ASSERT_EQ(chmod(dir_.c_str(), 0711), 0);
-    ASSERT_EQ(chmod((dir_ + "/emu.sock").c_str(), 0777), 0);
+    for (const auto &file : Sockets(dir_)) ASSERT_EQ(chmod((dir_ + "/" + file).c_str(), 0777), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        (dir_ + "/emu.sock").copy(address.sun_path, sizeof address.sun_path - 1);
-        if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) _exit(3);
-        const char request[] = "{\"cmd\":\"stop\"}\n";
-        (void)!write(fd, request, sizeof request - 1);
-        char answer[64];
-        _exit(read(fd, answer, sizeof answer) > 0 ? 4 : 0);  // closed without a word
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
+        const timeval patience{5, 0};
+        const struct { const char *name; int type; } rows[] = {
+            {"emu.sock", SOCK_STREAM},
+            {"node-8000.port-2670", SOCK_SEQPACKET},
+            {"node-0001.port-12566", SOCK_SEQPACKET},
+        };
+        int faults = 0;
+        for (const auto &row : rows) {
+            const int fd = socket(AF_UNIX, row.type, 0);
+            const sockaddr_un address = Address(dir_ + "/" + row.name);
+            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+            char answer[64];
+            if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) faults |= 16;
+            else if (recv(fd, answer, sizeof answer, 0) != 0 && errno != ECONNRESET)
+                faults |= 1 << (&row - rows);  // not closed without a word
+            close(fd);
+        }
+        Bytes request(64);
+        request.resize(l2vfib::host::EncodeRequest({l2vfib::host::kOpIsNodeUp, 1, 1, 0, 0, nullptr, 0},
+                                                   request.data(), request.size()));
+        const int control = socket(AF_UNIX, SOCK_DGRAM, 0);
+        const sockaddr_un endpoint = Address(dir_ + "/control");
+        for (int i = 0; i < 2; ++i)
+            if (sendto(control, request.data(), request.size(), 0, reinterpret_cast<const sockaddr *>(&endpoint),
+                       sizeof endpoint) < 0)
+                faults |= 8;
+        _exit(faults);
     }
     int status = 0;
     waitpid(child, &status, 0);
+    ASSERT_EQ(chmod(dir_.c_str(), 0700), 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);
+    Steer(Json{{"cmd", "status"}, {"sync", true}});
     EXPECT_EQ(Counter("steering-refused"), 1u);
+    EXPECT_EQ(Counter("peers-refused"), 4u);  // forwarding, event, control twice
+    EXPECT_EQ(Counter("controls"), 0u);
+    const std::string log = Log();
+    const size_t first = log.find("refused a peer of uid 65534");
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find("refused a peer of uid 65534", first + 1), std::string::npos) << log;
 }
 
 // Random and mutated datagrams from several senders to every service: the
@@ -134,15 +276,13 @@ TEST_F(EmuTest, OutlastsAFloodOfBadInput) {
         }
         if (fd >= 0) close(fd);
     };
-    char forwarding[108], event[108], control[108];
-    l2vfib::host::NodePortPath(0x8000, 2670, forwarding, sizeof forwarding);
-    l2vfib::host::NodePortPath(0x0001, 12566, event, sizeof event);
-    l2vfib::host::ControlPath(control, sizeof control);
+    const std::string forwarding = dir_ + "/node-8000.port-2670", event = dir_ + "/node-0001.port-12566",
+                      control = dir_ + "/control";
     std::vector<std::thread> senders;
-    senders.emplace_back(flood, 1, SOCK_SEQPACKET, forwarding);
-    senders.emplace_back(flood, 2, SOCK_SEQPACKET, forwarding);
-    senders.emplace_back(flood, 3, SOCK_SEQPACKET, event);
-    senders.emplace_back(flood, 4, SOCK_DGRAM, control);
+    senders.emplace_back(flood, 1, SOCK_SEQPACKET, forwarding.c_str());
+    senders.emplace_back(flood, 2, SOCK_SEQPACKET, forwarding.c_str());
+    senders.emplace_back(flood, 3, SOCK_SEQPACKET, event.c_str());
+    senders.emplace_back(flood, 4, SOCK_DGRAM, control.c_str());
     for (auto &sender : senders) sender.join();
     Steer(Json{{"cmd", "status"}, {"sync", true}});
     EXPECT_GT(Counter("errors"), 0u);

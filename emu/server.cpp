@@ -48,8 +48,8 @@ void OnSignal(int) { gStop = 1; }
 constexpr int kBacklog = 1024;
 
 // A socket bound at name in the device directory open at dir (named path
-// in messages), the stale file of an earlier run removed first; stream and
-// packet sockets listen. -1 with a message when that fails.
+// in messages), the stale file of an earlier run removed first. -1 with a
+// message when that fails.
 int BindAt(int dir, const std::string &path, const char *name, int type) {
     sockaddr_un address{};
     socklen_t length = 0;
@@ -64,7 +64,7 @@ int BindAt(int dir, const std::string &path, const char *name, int type) {
     const mode_t mask = umask(0177);
     const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), length) == 0;
     umask(mask);
-    if (!bound || (type != SOCK_DGRAM && listen(fd, kBacklog) != 0)) {
+    if (!bound) {
         fmt::print(stderr, "l2vfib-emu: cannot bind {}/{}: {}\n", path, name, std::strerror(errno));
         if (fd >= 0) close(fd);
         return -1;
@@ -208,6 +208,18 @@ class Server {
         const int on = 1;
         return control_ >= 0 && steering_ >= 0 &&
                setsockopt(control_, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
+    }
+
+    // The stream and packet sockets listen. The kernel gives a connecting
+    // peer the credentials of the process that listens, so the process
+    // that serves calls this. False, after a message, when one cannot.
+    bool Listen() {
+        for (int fd : {forwarding_, event_, steering_}) {
+            if (listen(fd, kBacklog) == 0) continue;
+            std::fprintf(stderr, "%s l2vfib-emu: cannot listen: %s\n", Now().c_str(), std::strerror(errno));
+            return false;
+        }
+        return true;
     }
 
     // This process no longer owns the device (its forked copy does): the
@@ -365,7 +377,7 @@ class Server {
             it = connections_.erase(it);
         }
         device_.Restarted();
-        if (!OpenServices()) {
+        if (!OpenServices() || !Listen()) {
             std::fprintf(stderr, "%s l2vfib-emu: the services did not come back\n", Now().c_str());
             gStop = 1;
         }
@@ -694,7 +706,7 @@ void WritePid(int dir) {
 
 // The opened server runs on in a process of its own: stdin /dev/null,
 // stdout and stderr emu.log, its pid in emu.pid (removed again however it
-// ends but killed). Returns in this process once the pid file is written.
+// ends but killed). Returns in this process once that one listens.
 int Detach(std::unique_ptr<Server> server, int dir, const std::string &path) {
     const int log = openat(dir, "emu.log", O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
     int ready[2] = {-1, -1};
@@ -715,20 +727,24 @@ int Detach(std::unique_ptr<Server> server, int dir, const std::string &path) {
         // the device holds no directory but its own.
         if (chdir("/") != 0) std::fprintf(stderr, "l2vfib-emu: chdir /: %s\n", std::strerror(errno));
         WritePid(dir);
+        const bool listening = server->Listen();
+        if (listening) (void)!write(ready[1], "+", 1);
         close(ready[1]);
-        const int status = RunHere(*server);
+        const int status = listening ? RunHere(*server) : 1;
         server.reset();
         unlinkat(dir, "emu.pid", 0);
         _exit(status);
     }
     close(log);
     close(ready[1]);
+    // One byte once the device listens; none when it ended first.
     char byte = 0;
-    while (child > 0 && read(ready[0], &byte, 1) < 0 && errno == EINTR) continue;
+    ssize_t got;
+    do got = child > 0 ? read(ready[0], &byte, 1) : 0;
+    while (got < 0 && errno == EINTR);
     close(ready[0]);
     server->Disown();
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, WNOHANG) == child) {
+    if (got != 1) {
         fmt::print(stderr, "l2vfib-emu: the device did not start; see {}/emu.log\n", path);
         return 1;
     }
@@ -885,7 +901,8 @@ int Start(const StartOptions &options) {
         fmt::print(stderr, "l2vfib-emu: already running in {}\n", path);
     } else {
         auto server = std::make_unique<Server>(run, dir);
-        if (server->Open()) status = options.foreground ? RunHere(*server) : Detach(std::move(server), dir, path);
+        if (server->Open())
+            status = !options.foreground ? Detach(std::move(server), dir, path) : server->Listen() ? RunHere(*server) : 1;
     }
     close(dir);
     return status;

@@ -3,6 +3,7 @@
 // several senders at full rate.
 #include <fcntl.h>
 #include <signal.h>
+#include <pcap/pcap.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -237,6 +238,88 @@ TEST_F(EmuTest, ServesOnlyItsOwnUserAndRoot) {
     const size_t first = log.find("refused a peer of uid 65534");
     EXPECT_NE(first, std::string::npos) << log;
     EXPECT_EQ(log.find("refused a peer of uid 65534", first + 1), std::string::npos) << log;
+}
+
+// A size as typed: digits and at most one of K, M, G, nothing else.
+TEST(EmuTrust, SizesAreReadWhole) {
+    const struct { const char *text; bool read; uint64_t bytes; } rows[] = {
+        {"0", true, 0}, {"512", true, 512}, {"64K", true, 64 << 10}, {"3m", true, 3 << 20},
+        {"1G", true, 1u << 30}, {"18446744073709551615", true, UINT64_MAX},
+        {"17179869183G", true, 17179869183ull << 30},
+        {"18446744073709551616", false, 0}, {"17179869184G", false, 0}, {"", false, 0},
+        {"-1", false, 0}, {"+1", false, 0}, {" 1", false, 0}, {"1 ", false, 0}, {"1.5G", false, 0},
+        {"1KB", false, 0}, {"K", false, 0}, {"0x10", false, 0}, {"1T", false, 0},
+    };
+    for (const auto &row : rows) {
+        uint64_t bytes = 7;
+        EXPECT_EQ(l2vfib::emu::ParseSize(row.text, &bytes), row.read) << row.text;
+        EXPECT_EQ(bytes, row.read ? row.bytes : 7) << row.text;
+    }
+}
+
+// A capture that cannot be had fails the start and leaves nothing behind:
+// no device, no file in its directory, the file a symlink names untouched.
+TEST(EmuTrust, AStartWithoutItsCaptureLeavesNoDevice) {
+    const std::string base = Base(), dir = base + "/dev", victim = base + "/victim";
+    std::ofstream(victim) << "mine\n";
+    ASSERT_EQ(symlink(victim.c_str(), (base + "/link.pcap").c_str()), 0);
+    ASSERT_EQ(mkdir((base + "/folder").c_str(), 0700), 0);
+    const struct { const char *file, *options; int status; const char *said; } rows[] = {
+        {"link.pcap", "", 1, "cannot capture to FILE: a symlink"},
+        {"link.pcap", "--foreground", 1, "cannot capture to FILE: a symlink"},
+        {"none/cap.pcap", "", 1, "/none: No such file or directory"},
+        {"folder", "", 1, "cannot capture to FILE: Is a directory"},
+        {"cap.pcap", "--capture-max 1.5G", 2, "--capture-max: not a size: '1.5G'"},
+    };
+    for (const auto &row : rows) {
+        const std::string file = base + "/" + row.file;
+        SCOPED_TRACE(file + " " + row.options);
+        const auto [status, said] = Emu(dir, std::string("start --capture ") + file + " " + row.options);
+        EXPECT_EQ(status, row.status);
+        std::string expected = row.said;
+        if (expected.find("FILE") != std::string::npos) expected.replace(expected.find("FILE"), 4, file);
+        EXPECT_NE(said.find(expected), std::string::npos) << said;
+        EXPECT_EQ(Emu(dir, "status").first, 1);
+        EXPECT_TRUE(!std::filesystem::exists(dir) || std::filesystem::is_empty(dir));
+    }
+    std::ifstream kept(victim);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "mine\n");
+    std::filesystem::remove_all(base);
+}
+
+class EmuCaptureBound : public EmuTest {
+  protected:
+    EmuCaptureBound() : base_(Base()) { startOptions_ = {"--capture", base_ + "/cap.pcap", "--capture-max", "64K"}; }
+    ~EmuCaptureBound() override { std::filesystem::remove_all(base_); }
+    std::string base_;
+};
+
+// Past its bound the capture rotates: four files are kept, each within the
+// bound and a whole capture, the newest ending with the last datagram.
+TEST_F(EmuCaptureBound, RotatesWithinItsBound) {
+    for (int i = 0; i < 60; ++i) SendRaw(Bytes(6000, static_cast<uint8_t>(i)));
+    const std::string capture = base_ + "/cap.pcap";
+    EXPECT_FALSE(std::filesystem::exists(capture + ".4"));
+    for (const std::string &file : {capture, capture + ".1", capture + ".2", capture + ".3"}) {
+        SCOPED_TRACE(file);
+        EXPECT_LE(std::filesystem::file_size(file), 64u << 10);
+        EXPECT_EQ(Mode(file) & 07777, 0600u);
+        char error[PCAP_ERRBUF_SIZE];
+        pcap_t *pcap = pcap_open_offline(file.c_str(), error);
+        ASSERT_NE(pcap, nullptr) << error;
+        pcap_pkthdr *head = nullptr;
+        const u_char *bytes = nullptr;
+        int records = 0, read;
+        Bytes last;
+        while ((read = pcap_next_ex(pcap, &head, &bytes)) == 1) {
+            ++records;
+            last.assign(bytes + 8, bytes + head->caplen);
+        }
+        EXPECT_EQ(read, PCAP_ERROR_BREAK) << pcap_geterr(pcap);
+        EXPECT_GT(records, 0);
+        if (file == capture) EXPECT_EQ(last, Bytes(6000, 59));
+        pcap_close(pcap);
+    }
 }
 
 // Random and mutated datagrams from several senders to every service: the

@@ -52,6 +52,13 @@ mode_t Mode(const std::string &path) {
     return lstat(path.c_str(), &seen) == 0 ? seen.st_mode : 0;
 }
 
+// A process that is gone, or a zombie nobody reaps.
+bool Ended(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    return !std::getline(stat, text) || text.substr(text.rfind(')') + 2, 1) == "Z";
+}
+
 sockaddr_un Address(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -137,11 +144,12 @@ TEST(EmuTrust, ThePidFileGoesWithTheDevice) {
         std::ifstream(dir + "/emu.pid") >> pid;
         ASSERT_GT(pid, 0);
         if (row.signal != 0) kill(pid, row.signal);
-        for (int i = 0; i < 200 && row.signal != 0 && kill(pid, 0) == 0; ++i)
+        for (int i = 0; i < 200 && row.signal != 0 && !Ended(pid); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         const auto [status, said] = Emu(dir, "stop");
         EXPECT_EQ(status, 0);
         EXPECT_EQ(said.find("stale files removed") != std::string::npos, row.signal == SIGKILL) << said;
+        if (row.signal == 0) EXPECT_NE(said.find("stopped (pid " + std::to_string(pid) + ")"), std::string::npos) << said;
         EXPECT_FALSE(std::filesystem::exists(dir + "/emu.pid"));
         EXPECT_EQ(Sockets(dir), std::vector<std::string>{});
     }

@@ -311,27 +311,16 @@ TEST_F(HostDevice, ASwappedDirectoryIsNotReached) {
 
 // The device directory's name, absolute whatever the variable gave.
 TEST(HostAddr, DeviceDirIsNamedAbsolute) {
-    char cwd[512];
+    char cwd[512], named[1024];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    const std::string here = cwd, uid = std::to_string(getuid());
-    const struct { const char *deviceDir, *runtimeDir; std::string named; } rows[] = {
-        {"/run/dev", "/run/user/7", "/run/dev"},
-        {"relative/dev", nullptr, here + "/relative/dev"},
-        {"/run/dev//", nullptr, "/run/dev"},
-        {nullptr, "/run/user/7", "/run/user/7/l2vfib"},
-        {"", "", "/tmp/l2vfib-" + uid},
-    };
-    for (const auto &row : rows) {
-        for (const auto &[name, value] : {std::pair("L2VFIB_DEVICE_DIR", row.deviceDir),
-                                          std::pair("XDG_RUNTIME_DIR", row.runtimeDir)}) {
-            if (value != nullptr) setenv(name, value, 1);
-            else unsetenv(name);
-        }
-        char named[1024];
-        EXPECT_EQ(l2vfib::host::DeviceDir(named, sizeof named), static_cast<int>(row.named.size())) << row.named;
-        EXPECT_EQ(named, row.named);
+    const std::pair<const char *, std::string> rows[] = {
+        {"relative/dev", std::string(cwd) + "/relative/dev"}, {"/run/dev//", "/run/dev"}, {"", "/run/user/7/l2vfib"}};
+    setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+    for (const auto &[variable, dir] : rows) {
+        setenv("L2VFIB_DEVICE_DIR", variable, 1);
+        EXPECT_EQ(l2vfib::host::DeviceDir(named, sizeof named), static_cast<int>(dir.size())) << dir;
+        EXPECT_EQ(named, dir);
     }
-    unsetenv("L2VFIB_DEVICE_DIR");
     unsetenv("XDG_RUNTIME_DIR");
 }
 

@@ -282,6 +282,11 @@ void Device::CountRefused(uint32_t uid, int32_t pid) {
     Log(fmt::format("steering refused: the peer (uid {}, pid {}) is not this device's user", uid, pid));
 }
 
+void Device::CountPeerRefused(const std::string &line) {
+    ++counters_.peersRefused;
+    if (!line.empty()) Log(line);
+}
+
 void Device::DropClient(const Peer &peer) {
     if (std::erase(clients_, peer) != 0) Log(fmt::format("{} is gone", PeerText(peer)));
 }

@@ -59,6 +59,7 @@ struct Counters {
     uint64_t busySpells = 0; // times the busy fault began
     uint64_t restarts = 0;   // service restarts
     uint64_t refused = 0;    // steering peers of another user, turned away
+    uint64_t peersRefused = 0;  // service peers neither the device's user nor root
     uint64_t rowsRefused = 0;  // rows and members past what a table keeps
 };
 
@@ -106,6 +107,9 @@ class Device {
 
     // A steering peer of another user, turned away.
     void CountRefused(uint32_t uid, int32_t pid);
+    // A service peer neither the device's user nor root, turned away; line
+    // is logged unless empty.
+    void CountPeerRefused(const std::string &line);
     // A client whose socket is gone: no more notices to it.
     void DropClient(const Peer &peer);
 

@@ -60,8 +60,16 @@ int main(int argc, char **argv) {
     l2vfib::emu::StartOptions start;
     auto *startCmd = app.add_subcommand("start", "run the emulated device (in the background unless --foreground)");
     startCmd->add_flag("--foreground,-f", start.foreground, "stay in the foreground, log to stderr");
-    startCmd->add_option("--capture", start.capture, "write every datagram to this pcap file");
-    startCmd->callback([&] { status = l2vfib::emu::Start(start); });
+    startCmd->add_option("--capture", start.capture, "write every datagram to this pcap file (mode 0600)");
+    std::string captureMax;
+    startCmd->add_option("--capture-max", captureMax,
+                         "a capture file's bound (K, M, G; default 1G): then FILE becomes FILE.1, and\n"
+                         "FILE.1 to FILE.3 are kept");
+    startCmd->callback([&] {
+        if (!captureMax.empty() && (!l2vfib::emu::ParseSize(captureMax, &start.captureMax) || start.captureMax == 0))
+            throw std::runtime_error(fmt::format("--capture-max: not a size: '{}'", captureMax));
+        status = l2vfib::emu::Start(start);
+    });
 
     app.add_subcommand("stop", "stop the running device and remove its sockets")->callback([&] {
         status = l2vfib::emu::Stop();

@@ -102,17 +102,9 @@ class Sender {
     bool Send(const Captured &c, std::string *error) {
         const int fd = Socket(c, error);
         if (fd < 0) return false;
-        sockaddr_un control{};
-        socklen_t controlLength = 0;
-        if (c.service == 2 && !host::ControlAddress(&control, &controlLength)) {
-            *error = "the control endpoint's path is too long";
-            return false;
-        }
         const auto end = Clock::now() + std::chrono::minutes(1);
         for (;;) {
-            const ssize_t n = c.service == 2 ? sendto(fd, c.bytes.data(), c.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                                      reinterpret_cast<sockaddr *>(&control), controlLength)
-                                             : send(fd, c.bytes.data(), c.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            const ssize_t n = send(fd, c.bytes.data(), c.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
             Drain(fd);
             if (n >= 0) return true;
             if (errno != EAGAIN && errno != EINTR) {
@@ -139,13 +131,13 @@ class Sender {
         const uint32_t where = c.service == 2 ? 0xFFFFFFFFu : static_cast<uint32_t>(c.node) << 16 | c.port;
         if (auto it = fds_.find(where); it != fds_.end()) return it->second;
         const int fd = socket(AF_UNIX, (c.service == 2 ? SOCK_DGRAM : SOCK_SEQPACKET) | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        socklen_t length = 0;
+        // Each socket is connected through the device directory, checked.
+        char service[32];
+        const char *name = c.service == 2 ? host::kControlName : service;
         bool ok = fd >= 0;
         if (ok && c.service == 2) ok = host::BindIfUnbound(fd);
-        else if (ok)
-            ok = host::NodePortAddress(c.node, c.port, &address, &length) &&
-                 connect(fd, reinterpret_cast<sockaddr *>(&address), length) == 0;
+        else if (ok) ok = host::NodePortName(c.node, c.port, service, sizeof service) >= 0;
+        ok = ok && host::ConnectInDeviceDir(fd, name) == 0;
         if (!ok) {
             *error = fmt::format("cannot reach the {} service (node {:#06x}, port {}): {}", Name(c.service), c.node,
                                  c.port, std::strerror(errno));

@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
@@ -19,6 +20,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -40,36 +42,30 @@ volatile sig_atomic_t gStop = 0;
 
 void OnSignal(int) { gStop = 1; }
 
-std::string InDir(const std::string &name) { return DeviceDirectory() + "/" + name; }
-
-bool FillPath(const std::string &path, sockaddr_un *address, socklen_t *length) {
-    if (path.size() > host::kMaxSocketPath) return false;
-    std::memset(address, 0, sizeof *address);
-    address->sun_family = AF_UNIX;
-    std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
-    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-    return true;
-}
-
 // A listening socket's backlog. A packet connection's queue holds at most
 // this many packets too, so it is set above what the sender's buffer
 // holds (about 180 batches at the host's largest buffer).
 constexpr int kBacklog = 1024;
 
-// A socket bound at path (removed first), or -1 with a message. Stream and
-// packet sockets listen.
-int BindAt(const std::string &path, int type) {
+// A socket bound at name in the device directory open at dir (named path
+// in messages), the stale file of an earlier run removed first. -1 with a
+// message when that fails.
+int BindAt(int dir, const std::string &path, const char *name, int type) {
     sockaddr_un address{};
     socklen_t length = 0;
-    if (!FillPath(path, &address, &length)) {
-        fmt::print(stderr, "l2vfib-emu: socket path too long: {}\n", path);
+    if (!host::AddressAt(dir, name, &address, &length)) {
+        fmt::print(stderr, "l2vfib-emu: socket name too long: {}\n", name);
         return -1;
     }
-    unlink(path.c_str());
+    unlinkat(dir, name, 0);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        (type != SOCK_DGRAM && listen(fd, kBacklog) != 0)) {
-        fmt::print(stderr, "l2vfib-emu: cannot bind {}: {}\n", path, std::strerror(errno));
+    // The socket file is made 0600 whatever the caller's umask. The device
+    // is one thread, so no other file is made while the mask is narrowed.
+    const mode_t mask = umask(0177);
+    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), length) == 0;
+    umask(mask);
+    if (!bound) {
+        fmt::print(stderr, "l2vfib-emu: cannot bind {}/{}: {}\n", path, name, std::strerror(errno));
         if (fd >= 0) close(fd);
         return -1;
     }
@@ -78,18 +74,35 @@ int BindAt(const std::string &path, int type) {
 
 // A steering connection, and who is at its other end.
 int ConnectSteering(ucred *peer) {
-    sockaddr_un address{};
-    socklen_t length = 0;
-    if (!FillPath(InDir("emu.sock"), &address, &length)) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     socklen_t credLength = sizeof *peer;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+    if (host::ConnectInDeviceDir(fd, "emu.sock") != 0 ||
         getsockopt(fd, SOL_SOCKET, SO_PEERCRED, peer, &credLength) != 0 || peer->uid != geteuid()) {
         close(fd);
         return -1;
     }
     return fd;
+}
+
+// The user at the other end of a connected socket.
+std::optional<ucred> PeerOf(int fd) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return std::nullopt;
+    return peer;
+}
+
+// The sender's credentials a datagram came with (SO_PASSCRED).
+std::optional<ucred> SenderOf(msghdr &message) {
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_CREDENTIALS || c->cmsg_len != CMSG_LEN(sizeof(ucred)))
+            continue;
+        ucred sender{};
+        std::memcpy(&sender, CMSG_DATA(c), sizeof sender);
+        return sender;
+    }
+    return std::nullopt;
 }
 
 bool SendAll(int fd, const std::string &text) {
@@ -118,12 +131,8 @@ int64_t MonotonicUs() {
     return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
 }
 
-void RemoveFiles(const std::vector<std::string> &paths) {
-    for (const auto &path : paths) unlink(path.c_str());
-}
-
-// The log file's bound, in bytes.
-constexpr size_t kLogLimit = 64 << 20;
+// The peers refused whose uid is remembered, so that each is logged once.
+constexpr size_t kMaxRefusedUids = 256;
 
 // Connections a peer may hold open at once, over both services; more are
 // refused so that nobody can take every descriptor.
@@ -175,20 +184,49 @@ struct Connection {
 // written as the client reads it.
 class Server {
   public:
-    explicit Server(const StartOptions &options)
+    // dir is the device directory, open; the server uses it, its caller
+    // closes it.
+    Server(const StartOptions &options, int dir)
         : device_([this](const std::string &line) { WriteLog(line); }),
-          capture_(options.capture),
-          logFile_(options.foreground ? std::string() : InDir("emu.log")) {}
+          capture_([this](const std::string &line) { WriteLog(line); }),
+          options_(options),
+          dir_(dir),
+          dirPath_(DeviceDirectory()) {}
 
+    // The capture first, then every socket: false, after a message, when
+    // any cannot be had (what was bound goes again with the server).
     bool Open() {
+        std::string error;
+        if (!options_.capture.empty() && !capture_.Open(options_.capture, options_.captureMax, &error)) {
+            fmt::print(stderr, "l2vfib-emu: cannot capture to {}: {}\n", options_.capture, error);
+            return false;
+        }
         if (!OpenServices()) return false;
-        char path[sizeof(sockaddr_un::sun_path)];
-        if (host::ControlPath(path, sizeof path) < 0) return false;
-        control_ = BindAt(path, SOCK_DGRAM);
-        files_.push_back(path);
-        steering_ = BindAt(InDir("emu.sock"), SOCK_STREAM);
-        files_.push_back(InDir("emu.sock"));
-        return control_ >= 0 && steering_ >= 0;
+        control_ = Bind(host::kControlName, SOCK_DGRAM);
+        steering_ = Bind("emu.sock", SOCK_STREAM);
+        // Every control datagram comes with its sender's credentials.
+        const int on = 1;
+        return control_ >= 0 && steering_ >= 0 &&
+               setsockopt(control_, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
+    }
+
+    // The stream and packet sockets listen. The kernel gives a connecting
+    // peer the credentials of the process that listens, so the process
+    // that serves calls this. False, after a message, when one cannot.
+    bool Listen() {
+        for (int fd : {forwarding_, event_, steering_}) {
+            if (listen(fd, kBacklog) == 0) continue;
+            std::fprintf(stderr, "%s l2vfib-emu: cannot listen: %s\n", Now().c_str(), std::strerror(errno));
+            return false;
+        }
+        return true;
+    }
+
+    // This process no longer owns the device (its forked copy does): the
+    // server's end closes its descriptors but leaves the files.
+    void Disown() {
+        files_.clear();
+        for (auto &name : serviceNames_) name.clear();
     }
 
     ~Server() {
@@ -196,7 +234,7 @@ class Server {
         for (int fd : {control_, steering_})
             if (fd >= 0) close(fd);
         for (const auto &[fd, connection] : connections_) close(fd);
-        RemoveFiles(files_);
+        for (const auto &name : files_) unlinkat(dir_, name.c_str(), 0);
     }
 
     void Run() {
@@ -262,31 +300,55 @@ class Server {
 
   private:
     // One log line on stderr. In the background stderr is emu.log, which
-    // is bounded: past kLogLimit bytes it becomes emu.log.1 (the one before
-    // goes) and a new emu.log begins.
+    // is bounded: past options_.logMax bytes it rotates.
     void WriteLog(const std::string &line) {
         const int n = std::fprintf(stderr, "%s %s\n", Now().c_str(), line.c_str());
         std::fflush(stderr);
         logged_ += n > 0 ? static_cast<size_t>(n) : 0;
-        if (logFile_.empty() || logged_ < kLogLimit) return;
+        if (!options_.foreground && logged_ >= options_.logMax) RotateLog();
+    }
+
+    // emu.log becomes emu.log.1 (the one before goes) and a new emu.log
+    // begins, both in the device directory as opened at the start, never
+    // through a symlink. When that fails the log starts again where it is,
+    // so that it stays bounded all the same.
+    void RotateLog() {
         logged_ = 0;
-        std::rename(logFile_.c_str(), (logFile_ + ".1").c_str());
-        const int log = open(logFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (log < 0) return;
-        dup2(log, STDERR_FILENO);
-        close(log);
+        int log = -1;
+        if (renameat(dir_, "emu.log", dir_, "emu.log.1") == 0)
+            log = openat(dir_, "emu.log", O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (log >= 0) {
+            dup2(log, STDOUT_FILENO);
+            dup2(log, STDERR_FILENO);
+            close(log);
+            return;
+        }
+        const int error = errno;
+        if (ftruncate(STDERR_FILENO, 0) != 0) return;
+        std::fprintf(stderr, "%s l2vfib-emu: the log did not rotate (%s); it starts again\n", Now().c_str(),
+                     std::strerror(error));
+    }
+
+    // A socket bound in the device directory, removed again when the
+    // server ends.
+    int Bind(const char *name, int type) {
+        const int fd = BindAt(dir_, dirPath_, name, type);
+        if (fd >= 0) files_.emplace_back(name);
+        return fd;
     }
 
     bool OpenServices() {
         const uint16_t local = static_cast<uint16_t>(device_.Setup().localNode);
-        char path[sizeof(sockaddr_un::sun_path)];
-        if (host::NodePortPath(kServiceNode, kServicePort, path, sizeof path) < 0) return false;
-        forwarding_ = BindAt(path, SOCK_SEQPACKET);
-        servicePaths_[0] = path;
-        if (host::NodePortPath(local, kEventPort, path, sizeof path) < 0) return false;
-        event_ = BindAt(path, SOCK_SEQPACKET);
-        servicePaths_[1] = path;
-        return forwarding_ >= 0 && event_ >= 0;
+        const uint16_t where[2][2] = {{kServiceNode, kServicePort}, {local, kEventPort}};
+        int *fds[2] = {&forwarding_, &event_};
+        for (int i = 0; i < 2; ++i) {
+            char name[32];
+            if (host::NodePortName(where[i][0], where[i][1], name, sizeof name) < 0) return false;
+            *fds[i] = BindAt(dir_, dirPath_, name, SOCK_SEQPACKET);
+            if (*fds[i] < 0) return false;
+            serviceNames_[i] = name;
+        }
+        return true;
     }
 
     void CloseServices() {
@@ -294,8 +356,8 @@ class Server {
             if (*fd >= 0) close(*fd);
             *fd = -1;
         }
-        for (const auto &path : servicePaths_)
-            if (!path.empty()) unlink(path.c_str());
+        for (auto &name : serviceNames_)
+            if (!name.empty()) unlinkat(dir_, name.c_str(), 0);
     }
 
     // The services go away and come back, as a device's service does when
@@ -315,7 +377,7 @@ class Server {
             it = connections_.erase(it);
         }
         device_.Restarted();
-        if (!OpenServices()) {
+        if (!OpenServices() || !Listen()) {
             std::fprintf(stderr, "%s l2vfib-emu: the services did not come back\n", Now().c_str());
             gStop = 1;
         }
@@ -334,7 +396,7 @@ class Server {
                     device_.CountRefused(peer.uid, peer.pid);
                     continue;
                 }
-            } else if (connections_.size() >= kMaxConnections) {
+            } else if (!Trusted(PeerOf(fd), service) || connections_.size() >= kMaxConnections) {
                 close(fd);
                 continue;
             }
@@ -392,12 +454,35 @@ class Server {
         if (slow) nextForwardUs_ = MonotonicUs() + device_.Fault().slowUs;
     }
 
+    // A peer of a service is this device's user or root. Anyone else is
+    // turned away: counted each time, logged once per uid.
+    bool Trusted(const std::optional<ucred> &peer, Service service) {
+        if (peer && (peer->uid == geteuid() || peer->uid == 0)) return true;
+        const uint32_t uid = peer ? peer->uid : static_cast<uint32_t>(-1);
+        std::string line;
+        if (refusedUids_.size() < kMaxRefusedUids && refusedUids_.insert(uid).second) {
+            static constexpr const char *kNames[] = {"forwarding", "event", "control", "steering"};
+            line = fmt::format("{} service refused a peer of uid {} (pid {}): only uid {} and root are served; "
+                               "more from uid {} are refused without a word",
+                               kNames[service], uid, peer ? peer->pid : 0, geteuid(), uid);
+        }
+        device_.CountPeerRefused(line);
+        return false;
+    }
+
     void ControlDatagram() {
         sockaddr_un from{};
-        socklen_t fromLength = sizeof from;
-        const ssize_t n = recvfrom(control_, buffer_.data(), buffer_.size(), MSG_DONTWAIT,
-                                   reinterpret_cast<sockaddr *>(&from), &fromLength);
-        if (n < 0) return;
+        iovec slot{buffer_.data(), buffer_.size()};
+        alignas(cmsghdr) char credentials[CMSG_SPACE(sizeof(ucred))];
+        msghdr message{};
+        message.msg_name = &from;
+        message.msg_namelen = sizeof from;
+        message.msg_iov = &slot;
+        message.msg_iovlen = 1;
+        message.msg_control = credentials;
+        message.msg_controllen = sizeof credentials;
+        const ssize_t n = recvmsg(control_, &message, MSG_DONTWAIT);
+        if (n < 0 || !Trusted(SenderOf(message), kControl)) return;
         const std::span<const uint8_t> request(buffer_.data(), static_cast<size_t>(n));
         capture_.Record(false, kControl, request);
         Trace(false, kControl, "control", request);
@@ -406,7 +491,7 @@ class Server {
         capture_.Record(true, kControl, *answer);
         Trace(true, kControl, "control", *answer);
         sendto(control_, answer->data(), answer->size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-               reinterpret_cast<const sockaddr *>(&from), fromLength);
+               reinterpret_cast<const sockaddr *>(&from), message.msg_namelen);
     }
 
     // Answers, notices and events: sent without waiting; one that its peer
@@ -548,10 +633,13 @@ class Server {
 
     Device device_;
     Capture capture_;
-    std::string logFile_;  // emu.log in the background; empty in the foreground
+    StartOptions options_;
+    int dir_;              // the device directory, open
+    std::string dirPath_;  // its path, for messages
     size_t logged_ = 0;
+    std::set<uint32_t> refusedUids_;  // peers refused and logged, by uid
     int forwarding_ = -1, event_ = -1, control_ = -1, steering_ = -1;
-    std::string servicePaths_[2];
+    std::string serviceNames_[2];
     std::map<int, Connection> connections_;
     std::map<Peer, int> peers_;
     uint64_t connectionCount_ = 0;
@@ -579,22 +667,124 @@ bool Running() {
     return Steer(Json{{"cmd", "status"}}, &error).has_value();
 }
 
-int RunHere(const StartOptions &options) {
+// Runs the opened server until it is stopped. An error that escapes the
+// loop ends it as a stop does (its files go with the server). Returns the
+// exit status.
+int RunHere(Server &server) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGTERM, OnSignal);
     signal(SIGINT, OnSignal);
-    Server server(options);
-    if (!server.Open()) return 1;
-    server.Run();
+    try {
+        server.Run();
+        return 0;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "%s l2vfib-emu: stopped by an error: %s\n", Now().c_str(), e.what());
+        return 1;
+    }
+}
+
+// The device directory at path, made 0700 when missing, checked and
+// opened: its descriptor, or -1 after a message.
+int OpenDirectory(const std::string &path) {
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        fmt::print(stderr, "l2vfib-emu: cannot create {}: {}\n", path, std::strerror(errno));
+        return -1;
+    }
+    char why[64];
+    const int dir = host::OpenTrustedDir(path.c_str(), why, sizeof why);
+    if (dir < 0) fmt::print(stderr, "l2vfib-emu: the device directory {} is not trusted: {}\n", path, why);
+    return dir;
+}
+
+void WritePid(int dir) {
+    const int fd = openat(dir, "emu.pid", O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const std::string text = fmt::format("{}\n", getpid());
+    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        std::fprintf(stderr, "%s l2vfib-emu: cannot write emu.pid: %s\n", Now().c_str(), std::strerror(errno));
+    if (fd >= 0) close(fd);
+}
+
+// The opened server runs on in a process of its own: stdin /dev/null,
+// stdout and stderr emu.log, its pid in emu.pid (removed again however it
+// ends but killed). Returns in this process once that one listens.
+int Detach(std::unique_ptr<Server> server, int dir, const std::string &path) {
+    const int log = openat(dir, "emu.log", O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+    int ready[2] = {-1, -1};
+    if (log < 0 || pipe2(ready, O_CLOEXEC) != 0) {
+        fmt::print(stderr, "l2vfib-emu: cannot open {}/emu.log: {}\n", path, std::strerror(errno));
+        return 1;
+    }
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        close(ready[0]);
+        setsid();
+        const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (null >= 0) dup2(null, STDIN_FILENO);
+        dup2(log, STDOUT_FILENO);
+        dup2(log, STDERR_FILENO);
+        // Everything is reached through the descriptors opened already, so
+        // the device holds no directory but its own.
+        if (chdir("/") != 0) std::fprintf(stderr, "l2vfib-emu: chdir /: %s\n", std::strerror(errno));
+        WritePid(dir);
+        const bool listening = server->Listen();
+        if (listening) (void)!write(ready[1], "+", 1);
+        close(ready[1]);
+        const int status = listening ? RunHere(*server) : 1;
+        server.reset();
+        unlinkat(dir, "emu.pid", 0);
+        _exit(status);
+    }
+    close(log);
+    close(ready[1]);
+    // One byte once the device listens; none when it ended first.
+    char byte = 0;
+    ssize_t got;
+    do got = child > 0 ? read(ready[0], &byte, 1) : 0;
+    while (got < 0 && errno == EINTR);
+    close(ready[0]);
+    server->Disown();
+    if (got != 1) {
+        fmt::print(stderr, "l2vfib-emu: the device did not start; see {}/emu.log\n", path);
+        return 1;
+    }
+    fmt::print("l2vfib-emu: started, pid {}, device directory {}, log {}/emu.log\n", child, path, path);
     return 0;
+}
+
+// A device that ended without its cleanup (killed) leaves emu.pid naming a
+// process that is gone, and its socket files: they are removed. True when
+// there were some.
+bool RemoveStale() {
+    const int dir = host::OpenDeviceDir(nullptr, 0);
+    if (dir < 0) return false;
+    char text[24] = {};
+    const int fd = openat(dir, "emu.pid", O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    const ssize_t n = fd >= 0 ? read(fd, text, sizeof text - 1) : -1;
+    if (fd >= 0) close(fd);
+    uint64_t pid = 0;
+    const bool stale = n > 1 && text[n - 1] == '\n' && ParseNumber(std::string(text, n - 1), &pid) &&
+                       pid > 0 && pid < (1u << 31) && Gone(static_cast<pid_t>(pid));
+    DIR *entries = stale ? fdopendir(openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) : nullptr;
+    while (dirent *entry = entries ? readdir(entries) : nullptr) {
+        const std::string name = entry->d_name;
+        struct stat seen{};
+        if ((name == "emu.sock" || name == host::kControlName || name.starts_with("node-")) &&
+            fstatat(dir, entry->d_name, &seen, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(seen.st_mode))
+            unlinkat(dir, entry->d_name, 0);
+    }
+    if (entries != nullptr) closedir(entries);
+    if (stale) unlinkat(dir, "emu.pid", 0);
+    close(dir);
+    return stale;
 }
 
 }  // namespace
 
 std::string DeviceDirectory() {
-    char dir[sizeof(sockaddr_un::sun_path)];
+    char dir[host::kMaxDirPath + 1];
     if (host::DeviceDir(dir, sizeof dir) < 0) {
-        fmt::print(stderr, "l2vfib-emu: the device directory's name is too long\n");
+        fmt::print(stderr, "l2vfib-emu: the device directory cannot be named: {}\n", std::strerror(errno));
         return {};
     }
     return dir;
@@ -692,62 +882,30 @@ std::optional<Json> SteerStreamed(const Json &request, std::string *error, std::
 }
 
 int Start(const StartOptions &options) {
-    const std::string dir = DeviceDirectory();
-    if (dir.empty()) return 1;
-    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-        fmt::print(stderr, "l2vfib-emu: cannot create {}: {}\n", dir, std::strerror(errno));
-        return 1;
+    StartOptions run = options;
+    const char *logMax = std::getenv("L2VFIB_EMU_LOG_MAX");
+    if (logMax != nullptr && logMax[0] != '\0' && (!ParseSize(logMax, &run.logMax) || run.logMax == 0)) {
+        fmt::print(stderr, "l2vfib-emu: L2VFIB_EMU_LOG_MAX: not a size: '{}'\n", logMax);
+        return 2;
     }
-    // Whoever can write in the directory can put a socket of their own
-    // where a daemon connects: only one of this user's, closed to others,
-    // is used (after following symlinks).
-    char why[64];
-    if (host::CheckDir(dir.c_str(), why, sizeof why) != host::DirFault::kNone) {
-        fmt::print(stderr, "l2vfib-emu: the device directory {} is not trusted: {}\n", dir, why);
-        return 1;
-    }
+    // A device in the background keeps nothing of its caller's open (a
+    // pipe held would keep the caller's reader waiting): what this process
+    // was given past stderr is closed before the device opens its own.
+    if (!options.foreground) closefrom(3);
+    const std::string path = DeviceDirectory();
+    if (path.empty()) return 1;
+    const int dir = OpenDirectory(path);
+    if (dir < 0) return 1;
+    int status = 1;
     if (Running()) {
-        fmt::print(stderr, "l2vfib-emu: already running in {}\n", dir);
-        return 1;
+        fmt::print(stderr, "l2vfib-emu: already running in {}\n", path);
+    } else {
+        auto server = std::make_unique<Server>(run, dir);
+        if (server->Open())
+            status = !options.foreground ? Detach(std::move(server), dir, path) : server->Listen() ? RunHere(*server) : 1;
     }
-    if (options.foreground) return RunHere(options);
-
-    const std::string logPath = InDir("emu.log");
-    const pid_t child = fork();
-    if (child < 0) {
-        fmt::print(stderr, "l2vfib-emu: fork: {}\n", std::strerror(errno));
-        return 1;
-    }
-    if (child == 0) {
-        setsid();
-        const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        if (null >= 0) dup2(null, STDIN_FILENO);
-        if (log >= 0) {
-            dup2(log, STDOUT_FILENO);
-            dup2(log, STDERR_FILENO);
-        }
-        // Nothing of the caller's stays open (a pipe held here would keep
-        // the caller's reader waiting).
-        closefrom(3);
-        std::ofstream(InDir("emu.pid")) << getpid() << "\n";
-        const int status = RunHere(options);
-        unlink(InDir("emu.pid").c_str());
-        _exit(status);
-    }
-    // Wait until the device answers, or its process ends.
-    for (int waited = 0; waited < 100; ++waited) {
-        if (Running()) {
-            fmt::print("l2vfib-emu: started, pid {}, device directory {}, log {}\n", child, dir, logPath);
-            return 0;
-        }
-        int status = 0;
-        if (waitpid(child, &status, WNOHANG) == child) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    fmt::print(stderr, "l2vfib-emu: the device did not start; see {}\n", logPath);
-    kill(child, SIGTERM);
-    return 1;
+    close(dir);
+    return status;
 }
 
 int Stop() {
@@ -761,7 +919,7 @@ int Stop() {
     const auto response = Ask(Json{{"cmd", "stop"}}, &error, &pid, &fd, nullptr);
     if (fd >= 0) close(fd);
     if (!response) {
-        fmt::print("l2vfib-emu: not running in {}\n", dir);
+        fmt::print("l2vfib-emu: not running in {}{}\n", dir, RemoveStale() ? " (its stale files removed)" : "");
         return 0;
     }
     for (int waited = 0; waited < 100 && pid > 0 && !Gone(pid); ++waited)

@@ -10,6 +10,7 @@
 #ifndef L2VFIB_EMU_SERVER_H
 #define L2VFIB_EMU_SERVER_H
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -21,11 +22,18 @@ namespace l2vfib::emu {
 struct StartOptions {
     bool foreground = false;
     std::string capture;  // a pcap file of every datagram, or empty
+    uint64_t captureMax = uint64_t{1} << 30;  // a capture file's bound (Capture::Open)
+    uint64_t logMax = 64 << 20;               // emu.log's bound, then emu.log.1
 };
 
 // Runs the device until it is stopped (the stop command, SIGTERM, SIGINT).
-// In the background, returns in the parent once the device answers on its
-// steering socket. Returns the process's exit status.
+// The device directory is checked and opened once, and every file of the
+// device is reached through that descriptor; the capture and every socket
+// are opened before it runs, so a start that cannot have one fails (1)
+// and leaves no device. In the background, returns in the parent once the
+// device's process has written its pid file. $L2VFIB_EMU_LOG_MAX, a size
+// (ParseSize), sets options.logMax; one that is not gives 2. Returns the
+// process's exit status.
 int Start(const StartOptions &options);
 
 // The device directory, or an empty string (with a message on stderr) when
@@ -48,7 +56,8 @@ int SteerConnection(const Json &request, std::string *error, Json *response, std
 std::optional<Json> SteerStreamed(const Json &request, std::string *error, std::FILE *out);
 
 // Stops the running device and waits for it to go. Returns 0 also when none
-// was running (its stale files are removed then).
+// was running (the stale files of a device that was killed are removed
+// then).
 int Stop();
 
 }  // namespace l2vfib::emu

@@ -93,7 +93,7 @@ Table Device::CountersTable() const {
         {"replies", c.replies},     {"ac-answers", c.acAnswers}, {"notices", c.notices},
         {"events", c.events},       {"controls", c.controls}, {"dropped", c.dropped},
         {"busy-spells", c.busySpells}, {"restarts", c.restarts}, {"steering-refused", c.refused},
-        {"rows-refused", c.rowsRefused},
+        {"rows-refused", c.rowsRefused}, {"peers-refused", c.peersRefused},
         {"fault-busy", faults_.busy ? 1u : 0u}, {"fault-slow-us", faults_.slowUs},
         {"fault-drop-left", faults_.dropLeft}};
     uint64_t n = 0;

@@ -1,6 +1,10 @@
 #include "table.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
 namespace l2vfib::emu {
@@ -32,6 +36,24 @@ bool ParseNumber(const std::string &text, uint64_t *value) {
         return false;
     }
     return !text.empty() && used == text.size();
+}
+
+bool ParseSize(const std::string &text, uint64_t *bytes) {
+    uint64_t value = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, fault] = std::from_chars(text.data(), end, value);
+    if (fault != std::errc() || stop == text.data() || !std::isdigit(static_cast<unsigned char>(text[0])))
+        return false;
+    unsigned shift = 0;
+    if (stop != end) {
+        const char *units = "KMG";
+        const char *unit = std::strchr(units, std::toupper(static_cast<unsigned char>(*stop)));
+        if (*stop == '\0' || unit == nullptr || stop + 1 != end) return false;
+        shift = 10 * static_cast<unsigned>(unit - units + 1);
+    }
+    if (value > (UINT64_MAX >> shift)) return false;
+    *bytes = value << shift;
+    return true;
 }
 
 std::string FieldText(const Json &value) {

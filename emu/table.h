@@ -133,6 +133,12 @@ class MessageTable {
 // A number as typed: decimal, or hex with 0x. False for anything else.
 bool ParseNumber(const std::string &text, uint64_t *value);
 
+// A size as typed: decimal digits, then at most one suffix K, M or G (in
+// either case: KiB, MiB, GiB). False for anything else: empty, a sign, a
+// space, a fraction, another suffix or trailing text, or a size past
+// 2^64 - 1 bytes. Zero is a size; the caller bounds it.
+bool ParseSize(const std::string &text, uint64_t *bytes);
+
 // A field value as the text tables print it: numbers in decimal, strings
 // as they are, arrays as comma lists, objects as name=value lists.
 std::string FieldText(const Json &value);

@@ -55,14 +55,9 @@ long NowMs() {
 // A socket connected to the control endpoint, or -1 when there is none or
 // the device directory is not trusted.
 int OpenControl() {
-    if (!DeviceDirTrusted()) return -1;
-    sockaddr_un endpoint{};
-    socklen_t endpointLength = 0;
-    if (!ControlAddress(&endpoint, &endpointLength)) return -1;
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    if (!BindIfUnbound(fd) ||
-        connect(fd, reinterpret_cast<const sockaddr *>(&endpoint), endpointLength) != 0) {
+    if (!BindIfUnbound(fd) || ConnectInDeviceDir(fd, kControlName) != 0) {
         close(fd);
         return -1;
     }

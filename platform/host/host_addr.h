@@ -8,15 +8,19 @@
 //   <device directory>/control               the control-call endpoint
 //
 // The node is four lower-case hex digits, the port decimal. The device
-// directory is $L2VFIB_DEVICE_DIR; when that is unset or empty,
+// directory is $L2VFIB_DEVICE_DIR (a relative one is taken from the
+// current directory when it is read); when that is unset or empty,
 // $XDG_RUNTIME_DIR/l2vfib; when that is unset or empty too,
 // /tmp/l2vfib-<uid>. The client side never creates it: the emulated device
 // does.
 //
-// The device directory is trusted only when, after following symlinks, it
-// is a directory owned by the effective user and writable by neither group
-// nor others: whoever else can write it can put a socket of their own in
-// place of a service's file and read or answer everything a daemon sends.
+// Whoever else can write the device directory, or swap it for another,
+// can put a socket of their own in place of a service's file and read or
+// answer everything a daemon sends. So the directory is checked without
+// following a symlink at its last component, opened once, checked again
+// through the descriptor, and every socket in it is reached through that
+// descriptor (/proc/self/fd/N/name): what the path names after the check
+// no longer matters.
 //
 // No exceptions, no heap: every function writes into memory it is given
 // and reports failure through errno.
@@ -38,48 +42,55 @@ constexpr int kDeviceOptSendTimeout = 0x1005;
 constexpr int kDeviceOptRecvTimeout = 0x1006;
 constexpr uint32_t kDeviceAddressSize = 16;
 
-// Longest path a socket address holds, NUL excluded.
-constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
+// Longest directory path the device directory may have, NUL excluded.
+constexpr size_t kMaxDirPath = 1023;
 
-// Writes the device directory into out, NUL-terminated. Returns its length,
-// or -1 with errno ENAMETOOLONG (nothing usable written) when it needs more
-// than room bytes.
+// Writes the device directory into out, NUL-terminated: an absolute path
+// without a trailing slash. Returns its length, or -1 with errno
+// ENAMETOOLONG (nothing usable written) when it needs more than room bytes,
+// or getcwd's errno when a relative one cannot be made absolute.
 int DeviceDir(char *out, size_t room);
 
-// Writes the socket path of (node, port) into out, NUL-terminated. Returns
-// its length, or -1 with errno ENAMETOOLONG.
-int NodePortPath(uint16_t node, uint16_t port, char *out, size_t room);
+// Opens the directory at path when it can be trusted as a device
+// directory, and returns its descriptor (read-only, close-on-exec). It is
+// trusted when lstat finds a directory (a symlink is not followed, and
+// refused), owned by the effective user, with no permission for group or
+// others, in a parent that others cannot write unless it is sticky; and
+// when the descriptor opened (O_NOFOLLOW) is that same directory, still so.
+// Otherwise -1, with errno lstat's own when it fails (ENOENT when missing)
+// and EACCES for the others; when why is not null, the reason is written
+// into it, NUL-terminated and cut to room: "missing" (or lstat's error
+// text), "a symlink", "not a directory", "owned by uid N", "open to group
+// or others (mode 0NNN)", "parent writable by others", "changed while it
+// was checked".
+int OpenTrustedDir(const char *path, char *why, size_t room);
 
-// Writes the path of the control endpoint into out. Returns its length, or
-// -1 with errno ENAMETOOLONG.
-int ControlPath(char *out, size_t room);
+// The device directory opened with OpenTrustedDir: its descriptor, or -1
+// with errno set as that sets it, or ENAMETOOLONG.
+int OpenDeviceDir(char *why, size_t room);
 
-// Why a directory is not trusted as the device directory.
-enum class DirFault : uint8_t {
-    kNone,            // trusted
-    kMissing,         // stat failed: missing, or not reachable
-    kNotDirectory,
-    kOtherOwner,      // owned by a user other than the effective one
-    kOthersWritable,
-    kGroupWritable,
-};
+// Writes the socket file's name of (node, port), "node-8000.port-2670",
+// into out. Returns its length, or -1 with errno ENAMETOOLONG.
+int NodePortName(uint16_t node, uint16_t port, char *out, size_t room);
 
-// Checks the directory at path against the rule above and returns the
-// first fault found, or kNone. On a fault errno is stat's own for kMissing
-// (ENOENT when missing) and EACCES for the others, and, when text is not
-// null, a short reason is written into it, NUL-terminated and cut to room:
-// "missing" (or stat's error text), "not a directory", "owned by uid N",
-// "writable by others", "writable by group".
-DirFault CheckDir(const char *path, char *text, size_t room);
+// The control endpoint's file name.
+inline constexpr char kControlName[] = "control";
 
-// The device directory checked with CheckDir: true when it is trusted;
-// false with errno set as CheckDir sets it, or ENAMETOOLONG.
-bool DeviceDirTrusted();
+// Fills an AF_UNIX address for the file name in the directory open at
+// dirFd: /proc/self/fd/<dirFd>/<name>, which always fits sun_path for the
+// device's names. False with errno ENAMETOOLONG for a name that does not.
+bool AddressAt(int dirFd, const char *name, sockaddr_un *address, socklen_t *length);
 
-// Fills an AF_UNIX address for (node, port) or for the control endpoint.
-// False with errno ENAMETOOLONG when the path does not fit sun_path.
-bool NodePortAddress(uint16_t node, uint16_t port, sockaddr_un *address, socklen_t *length);
-bool ControlAddress(sockaddr_un *address, socklen_t *length);
+// Connects fd to the socket file name in the directory open at dirFd,
+// through the descriptor. 0, or -1 with connect's errno (ENAMETOOLONG for
+// a name too long).
+int ConnectAt(int dirFd, int fd, const char *name);
+
+// Connects fd to the socket file name of the device directory: the
+// directory is opened and checked (OpenDeviceDir), connected through, and
+// closed again. 0, or -1 with connect's errno, or OpenDeviceDir's (EACCES
+// when the directory is not trusted).
+int ConnectInDeviceDir(int fd, const char *name);
 
 // Reads the device's 16-byte address: byte 0 is 16, byte 1 the family 37,
 // bytes 2-3 the port and 4-5 the node (both big-endian), bytes 6-15 zero.

@@ -13,7 +13,8 @@
 //
 // - SKT_Socket: an AF_UNIX SOCK_SEQPACKET socket, close-on-exec.
 // - SKT_Connect: the 16-byte device address names the socket file of
-//   (node, port), which is connected.
+//   (node, port), which is connected through the device directory, checked
+//   and opened for this connect alone (host_addr.h).
 // - SKT_SetOpt: the device's time-out options (level 1, 0x1005 send and
 //   0x1006 receive, two host-order u32: seconds, microseconds) become
 //   SO_SNDTIMEO and SO_RCVTIMEO with a struct timeval; any other option
@@ -79,11 +80,10 @@ extern "C" int SKT_Connect(int fd, const void *address, uint32_t addressLength) 
     uint16_t node = 0;
     uint16_t port = 0;
     if (!ParseDeviceAddress(address, addressLength, &node, &port)) return -1;
-    if (!DeviceDirTrusted()) return -1;  // EACCES: not a directory of ours alone
-    sockaddr_un target{};
-    socklen_t targetLength = 0;
-    if (!NodePortAddress(node, port, &target, &targetLength)) return -1;
-    return connect(fd, reinterpret_cast<const sockaddr *>(&target), targetLength);
+    char name[32];
+    if (NodePortName(node, port, name, sizeof name) < 0) return -1;
+    // EACCES: the device directory is not this user's alone.
+    return ConnectInDeviceDir(fd, name);
 }
 
 extern "C" ssize_t SKT_Send(int fd, const void *data, size_t length, int flags) {

@@ -121,10 +121,7 @@ void EmuTest::SendRaw(const Bytes &datagram, bool freshSocket) {
     }
     if (raw_ < 0) {
         raw_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        socklen_t length = 0;
-        ASSERT_TRUE(l2vfib::host::NodePortAddress(0x8000, 2670, &address, &length));
-        ASSERT_EQ(connect(raw_, reinterpret_cast<sockaddr *>(&address), length), 0);
+        ASSERT_EQ(l2vfib::host::ConnectInDeviceDir(raw_, "node-8000.port-2670"), 0);
     }
     ASSERT_EQ(send(raw_, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
     // A status that waits until the device has read the forwarding service

@@ -209,10 +209,7 @@ class Device {
     Json Tables() { return Json::parse(Run("show all --json").second); }
     void Send(const Bytes &datagram) {
         const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        socklen_t length = 0;
-        ASSERT_TRUE(l2vfib::host::NodePortAddress(0x8000, 2670, &address, &length));
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), length), 0);
+        ASSERT_EQ(l2vfib::host::ConnectInDeviceDir(fd, "node-8000.port-2670"), 0);
         ASSERT_EQ(send(fd, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
         std::string error;
         ASSERT_TRUE(l2vfib::emu::Steer(Json{{"cmd", "status"}, {"sync", true}}, &error)) << error;

@@ -2,6 +2,7 @@
 // directory, and peers bound in it stand in for the control endpoint. (The
 // library over this platform is the emulated device's tests' to check.)
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -232,17 +233,18 @@ TEST_F(HostDevice, WithoutADeviceCallsFailAsADeviceWould) {
 // Each directory has the forwarding service and a control endpoint bound in
 // it, so only the check stands between a daemon and whoever can write there.
 TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
-    enum Via { kItself, kSymlink, kMissing };
-    const struct { const char *name; mode_t mode; bool otherOwner; Via via; int error;
+    enum Via { kItself, kSymlink, kMissing, kFile };
+    const struct { const char *name; mode_t mode, parentMode; bool otherOwner; Via via; int error;
                    const char *reason; } rows[] = {
-        {"own, 0700", 0700, false, kItself, 0, ""},
-        {"own, through a symlink", 0700, false, kSymlink, 0, ""},
-        {"writable by others", 0703, false, kItself, EACCES, "writable by others"},
-        {"writable by group", 0730, false, kItself, EACCES, "writable by group"},
-        {"another user's", 0700, true, kItself, EACCES, "owned by uid 65534"},
-        {"a symlink to another user's world-writable directory", 01777, true, kSymlink, EACCES,
-         "owned by uid 65534"},
-        {"missing", 0700, false, kMissing, ENOENT, "missing"},
+        {"own, 0700", 0700, 0700, false, kItself, 0, ""},
+        {"own, in a sticky parent open to all", 0700, 01777, false, kItself, 0, ""},
+        {"a symlink to our own", 0700, 0700, false, kSymlink, EACCES, "a symlink"},
+        {"readable by others", 0704, 0700, false, kItself, EACCES, "open to group or others (mode 0704)"},
+        {"writable by group", 0730, 0700, false, kItself, EACCES, "open to group or others (mode 0730)"},
+        {"in a parent writable by others", 0700, 0777, false, kItself, EACCES, "parent writable by others"},
+        {"another user's", 0700, 0700, true, kItself, EACCES, "owned by uid 65534"},
+        {"a file", 0700, 0700, false, kFile, EACCES, "not a directory"},
+        {"missing", 0700, 0700, false, kMissing, ENOENT, "missing"},
     };
     std::string skipped;
     for (const auto &row : rows) {
@@ -250,32 +252,76 @@ TEST_F(HostDevice, OnlyADirectoryOfOurOwnIsTrusted) {
             skipped += std::string(skipped.empty() ? "" : "; ") + row.name;
             continue;
         }
-        const std::string dev = dir_ + "/" + std::to_string(&row - rows);
+        const std::string parent = dir_ + "/" + std::to_string(&row - rows), dev = parent + "/dev";
+        ASSERT_EQ(mkdir(parent.c_str(), 0700), 0);
         ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
         const int service = Listening(dev + "/node-8000.port-2670");
         Peer control(dev + "/control", ControlDevice([](const ControlRequest &) {
             return Answer{7, {}};
         }));
         ASSERT_EQ(chmod(dev.c_str(), row.mode), 0);
+        ASSERT_EQ(chmod(parent.c_str(), row.parentMode), 0);
         if (row.otherOwner) ASSERT_EQ(chown(dev.c_str(), 65534, 65534), 0);
-        const std::string device = row.via == kItself ? dev : dev + "-elsewhere";
+        const std::string device = row.via == kItself ? dev : row.via == kFile ? dev + "/control" : dev + "-elsewhere";
         if (row.via == kSymlink) ASSERT_EQ(symlink(dev.c_str(), device.c_str()), 0);
         setenv("L2VFIB_DEVICE_DIR", device.c_str(), 1);
 
-        char reason[40] = "";
-        CheckDir(device.c_str(), reason, sizeof reason);
+        char reason[48] = "";
+        const int opened = OpenDeviceDir(reason, sizeof reason);
         EXPECT_STREQ(reason, row.reason) << row.name;
+        if (opened >= 0) close(opened);
         const int fd = SKT_Socket(37, SOCK_DGRAM, 1);
         EXPECT_EQ(SKT_Connect(fd, kForwarding.data(), 16), row.error != 0 ? -1 : 0) << row.name;
         if (row.error != 0) EXPECT_EQ(errno, row.error) << row.name;
         SKT_Close(fd);
+        if (row.error != 0) EXPECT_EQ(std::pair(L2VFIB_Open(nullptr), errno), std::pair(-1, row.error)) << row.name;
         close(service);
         uint32_t answerLength = 99;
         EXPECT_EQ(CIOCTL(1, 2, 0, nullptr, 0, nullptr, &answerLength),
                   row.error != 0 ? kNoDevice : 7u) << row.name;
+        chmod(parent.c_str(), 0700);
     }
     if (!skipped.empty())
         GTEST_SKIP() << "only root can give a directory to uid 65534: " << skipped;
+}
+
+// Once the directory is open, renaming it away and planting another with a
+// service of its own under the same name changes nothing: the connect goes
+// through the descriptor to the directory that was checked.
+TEST_F(HostDevice, ASwappedDirectoryIsNotReached) {
+    const std::string dev = dir_ + "/dev", moved = dir_ + "/moved";
+    ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
+    const int ours = Listening(dev + "/node-8000.port-2670");
+    setenv("L2VFIB_DEVICE_DIR", dev.c_str(), 1);
+    const int opened = OpenDeviceDir(nullptr, 0);
+    ASSERT_GE(opened, 0);
+    ASSERT_EQ(rename(dev.c_str(), moved.c_str()), 0);
+    ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
+    const int planted = Listening(dev + "/node-8000.port-2670");
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(ConnectAt(opened, fd, "node-8000.port-2670"), 0);
+    for (const int listener : {ours, planted}) {
+        pollfd waiting{listener, POLLIN, 0};
+        const int accepted = poll(&waiting, 1, 0) == 1 ? accept(listener, nullptr, nullptr) : -1;
+        EXPECT_EQ(accepted >= 0, listener == ours);
+        if (accepted >= 0) close(accepted);
+    }
+    for (const int open : {opened, fd, ours, planted}) close(open);
+}
+
+// The device directory's name, absolute whatever the variable gave.
+TEST(HostAddr, DeviceDirIsNamedAbsolute) {
+    char cwd[512], named[1024];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    const std::pair<const char *, std::string> rows[] = {
+        {"relative/dev", std::string(cwd) + "/relative/dev"}, {"/run/dev//", "/run/dev"}, {"", "/run/user/7/l2vfib"}};
+    setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+    for (const auto &[variable, dir] : rows) {
+        setenv("L2VFIB_DEVICE_DIR", variable, 1);
+        EXPECT_EQ(l2vfib::host::DeviceDir(named, sizeof named), static_cast<int>(dir.size())) << dir;
+        EXPECT_EQ(named, dir);
+    }
+    unsetenv("XDG_RUNTIME_DIR");
 }
 
 std::atomic<int> gSignals{0};
